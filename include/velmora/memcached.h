@@ -1,0 +1,101 @@
+// Memcached client: a thin wrapper over one libmemcached handle bound to one
+// server, over TCP or a Unix socket.
+//
+// Not thread-safe: an object wraps one libmemcached handle; use one object
+// per thread (or lock around it). Do not carry an object across fork().
+// Operations log nothing; the code of the last libmemcached call is kept in
+// LastResult() (memcached_strerror turns it into text).
+#ifndef VELMORA_MEMCACHED_H_
+#define VELMORA_MEMCACHED_H_
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include <libmemcached/memcached.h>
+
+#include <velmora/export.h>
+
+namespace velmora {
+namespace sdk {
+
+// One cache item.
+struct VELMORA_EXPORT MemcachedData {
+  ~MemcachedData();
+
+  std::string key;
+  std::string value;  // Text: values read back end at their first NUL byte.
+  uint32_t flags;
+  time_t expiration;  // Seconds (or an absolute time, memcached's rule); 0 never expires.
+
+  // Expiration given to the records that MultiGet builds; 0 unless a caller
+  // sets it.
+  static time_t default_timeout;
+};
+
+class VELMORA_EXPORT Memcached {
+ public:
+  // No server: every operation returns false without network traffic.
+  Memcached();
+  // Binds to the TCP server `server`:`port` (port cut to 16 bits, so 70000
+  // gives 4464). Operations return false when the server could not be added.
+  Memcached(const std::string& server, int port);
+  // Binds to the server on the Unix socket `path`.
+  explicit Memcached(const std::string& path);
+  ~Memcached();
+
+  Memcached(const Memcached&) = delete;
+  Memcached& operator=(const Memcached&) = delete;
+
+  // Every operation returns false at once, touching nothing, when no server
+  // was added. Otherwise it returns true when libmemcached answered
+  // MEMCACHED_SUCCESS (exceptions noted) and keeps the code in LastResult().
+
+  // memcached_behavior_set.
+  bool BehaviorSet(memcached_behavior_t flag, uint64_t data);
+  // data = memcached_behavior_get; true whenever a server is bound; the last
+  // result is not changed.
+  bool BehaviorGet(memcached_behavior_t flag, uint64_t& data);
+  // Store with d.expiration and d.flags.
+  bool Set(const MemcachedData& d);
+  bool Add(const MemcachedData& d);
+  bool Replace(const MemcachedData& d);
+  // Store only if the item's cas value is still `cas`.
+  bool Cas(const MemcachedData& d, const uint64_t& cas);
+  // Append/prepend to an existing item (flags and expiration 0).
+  bool Append(const std::string& key, const std::string& value);
+  bool Prepend(const std::string& key, const std::string& value);
+  bool Delete(const std::string& key);
+  // value receives the new counter.
+  bool Increment(const std::string& key, uint32_t offset, uint64_t& value);
+  bool Decrement(const std::string& key, uint32_t offset, uint64_t& value);
+  bool Touch(const std::string& key, time_t expiration);
+  // True when the server answered (found or not found); exists tells which.
+  bool Exist(const std::string& key, bool& exists);
+  // out.key, out.value (up to its first NUL) and out.flags of the item; out
+  // untouched when it is missing or on failure.
+  bool Get(const std::string& key, MemcachedData& out);
+  // Like Get, with the item's cas value. True only when exactly one item came
+  // back; out and cas may have been written even when false.
+  bool Gets(const std::string& key, MemcachedData& out, uint64_t& cas);
+  // Appends one record per item found (flags 0, expiration default_timeout),
+  // in the server's order; empty keys are left out. True when the fetch ended
+  // normally, or ended with "not found" and allow_notfound is set.
+  bool MultiGet(const std::vector<std::string>& keys, std::vector<MemcachedData>& out,
+                bool allow_notfound);
+
+  // Code of the last libmemcached call that reports one (MEMCACHED_SUCCESS at
+  // first).
+  memcached_return_t LastResult() const { return last_result_; }
+
+ private:
+  memcached_st* handle_;
+  memcached_return_t last_result_;
+  bool ready_;
+};
+
+}  // namespace sdk
+}  // namespace velmora
+
+#endif  // VELMORA_MEMCACHED_H_

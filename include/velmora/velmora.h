@@ -1,0 +1,12 @@
+// libvelmora: the shared support library of the Velmora mail-server suite.
+// Including this header declares every public name of the library.
+#ifndef VELMORA_VELMORA_H_
+#define VELMORA_VELMORA_H_
+
+#include <velmora/common.h>
+#include <velmora/config.h>
+#include <velmora/file.h>
+#include <velmora/memcached.h>
+#include <velmora/socket.h>
+
+#endif  // VELMORA_VELMORA_H_

@@ -1,0 +1,54 @@
+#include <pwd.h>
+#include <unistd.h>
+
+#include <string>
+#include <utility>
+
+#include <velmora/file.h>
+
+#include "lib/log.h"
+
+namespace velmora {
+namespace sdk {
+namespace {
+constexpr char kLogModule[] = "src/lib/sdk/file_lock_guard";
+}  // namespace
+
+ExclusiveFileLockGuard::ExclusiveFileLockGuard(std::string path, unsigned long retries)
+    : FileLock(std::move(path), true), retries_(retries) {
+  LockRetry();
+}
+
+bool ExclusiveFileLockGuard::LockRetry() {
+  // A guard built with 0 retries never locks, not even once.
+  if (retries_ == 0) return false;
+  for (uint64_t left = retries_;; --left) {
+    if (Lock()) return true;
+    if (left == 0) return false;
+    sleep(1);
+  }
+}
+
+bool ExclusiveFileLockGuard::Guardian(const std::string& user) {
+  if (fd_ < 0) return false;
+  struct passwd* pw = getpwnam(user.c_str());
+  if (pw == nullptr) {
+    VELMORA_LOG("Get user %s pwd fail", user.c_str());
+    return false;
+  }
+  uid_t owner = geteuid();
+  if (owner == 0) {
+    owner = pw->pw_uid;
+  } else if (owner != pw->pw_uid) {
+    VELMORA_LOG("Wrong user privilege");
+    return false;
+  }
+  if (chown(path_.c_str(), owner, pw->pw_gid) != 0) {
+    VELMORA_LOG("Turn owner to %s fail", user.c_str());
+    return false;
+  }
+  return true;
+}
+
+}  // namespace sdk
+}  // namespace velmora

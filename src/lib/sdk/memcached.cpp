@@ -1,0 +1,213 @@
+#include <netinet/in.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <velmora/common.h>
+#include <velmora/memcached.h>
+
+namespace velmora {
+namespace sdk {
+namespace {
+
+// Values and keys are text: they end at their first NUL byte.
+std::string Text(const char* data, size_t length) {
+  return data == nullptr ? std::string() : std::string(data, strnlen(data, length));
+}
+
+}  // namespace
+
+time_t MemcachedData::default_timeout = 0;
+
+MemcachedData::~MemcachedData() = default;
+
+Memcached::Memcached()
+    : handle_(memcached_create(nullptr)), last_result_(MEMCACHED_SUCCESS), ready_(false) {}
+
+Memcached::Memcached(const std::string& server, int port) : Memcached() {
+  if (handle_ == nullptr) return;
+  last_result_ =
+      memcached_server_add(handle_, server.c_str(), static_cast<in_port_t>(port));
+  ready_ = last_result_ == MEMCACHED_SUCCESS && memcached_server_count(handle_) != 0;
+}
+
+Memcached::Memcached(const std::string& path) : Memcached() {
+  if (handle_ == nullptr) return;
+  last_result_ = memcached_server_add_unix_socket(handle_, path.c_str());
+  ready_ = last_result_ == MEMCACHED_SUCCESS && memcached_server_count(handle_) != 0;
+}
+
+Memcached::~Memcached() {
+  if (handle_ != nullptr) memcached_free(handle_);
+}
+
+bool Memcached::BehaviorSet(memcached_behavior_t flag, uint64_t data) {
+  if (!ready_) return false;
+  last_result_ = memcached_behavior_set(handle_, flag, data);
+  return last_result_ == MEMCACHED_SUCCESS;
+}
+
+bool Memcached::BehaviorGet(memcached_behavior_t flag, uint64_t& data) {
+  if (!ready_) return false;
+  data = memcached_behavior_get(handle_, flag);
+  return true;
+}
+
+bool Memcached::Set(const MemcachedData& d) {
+  if (!ready_) return false;
+  last_result_ = memcached_set(handle_, d.key.data(), d.key.size(), d.value.data(),
+                               d.value.size(), d.expiration, d.flags);
+  return last_result_ == MEMCACHED_SUCCESS;
+}
+
+bool Memcached::Add(const MemcachedData& d) {
+  if (!ready_) return false;
+  last_result_ = memcached_add(handle_, d.key.data(), d.key.size(), d.value.data(),
+                               d.value.size(), d.expiration, d.flags);
+  return last_result_ == MEMCACHED_SUCCESS;
+}
+
+bool Memcached::Replace(const MemcachedData& d) {
+  if (!ready_) return false;
+  last_result_ = memcached_replace(handle_, d.key.data(), d.key.size(), d.value.data(),
+                                   d.value.size(), d.expiration, d.flags);
+  return last_result_ == MEMCACHED_SUCCESS;
+}
+
+bool Memcached::Cas(const MemcachedData& d, const uint64_t& cas) {
+  if (!ready_) return false;
+  last_result_ = memcached_cas(handle_, d.key.data(), d.key.size(), d.value.data(),
+                               d.value.size(), d.expiration, d.flags, cas);
+  return last_result_ == MEMCACHED_SUCCESS;
+}
+
+bool Memcached::Append(const std::string& key, const std::string& value) {
+  if (!ready_) return false;
+  last_result_ = memcached_append(handle_, key.data(), key.size(), value.data(), value.size(), 0, 0);
+  return last_result_ == MEMCACHED_SUCCESS;
+}
+
+bool Memcached::Prepend(const std::string& key, const std::string& value) {
+  if (!ready_) return false;
+  last_result_ =
+      memcached_prepend(handle_, key.data(), key.size(), value.data(), value.size(), 0, 0);
+  return last_result_ == MEMCACHED_SUCCESS;
+}
+
+bool Memcached::Delete(const std::string& key) {
+  if (!ready_) return false;
+  last_result_ = memcached_delete(handle_, key.data(), key.size(), 0);
+  return last_result_ == MEMCACHED_SUCCESS;
+}
+
+bool Memcached::Increment(const std::string& key, uint32_t offset, uint64_t& value) {
+  if (!ready_) return false;
+  last_result_ = memcached_increment(handle_, key.data(), key.size(), offset, &value);
+  return last_result_ == MEMCACHED_SUCCESS;
+}
+
+bool Memcached::Decrement(const std::string& key, uint32_t offset, uint64_t& value) {
+  if (!ready_) return false;
+  last_result_ = memcached_decrement(handle_, key.data(), key.size(), offset, &value);
+  return last_result_ == MEMCACHED_SUCCESS;
+}
+
+bool Memcached::Touch(const std::string& key, time_t expiration) {
+  if (!ready_) return false;
+  last_result_ = memcached_touch(handle_, key.data(), key.size(), expiration);
+  return last_result_ == MEMCACHED_SUCCESS;
+}
+
+bool Memcached::Exist(const std::string& key, bool& exists) {
+  if (!ready_) return false;
+  last_result_ = memcached_exist(handle_, key.data(), key.size());
+  exists = last_result_ == MEMCACHED_SUCCESS;
+  return last_result_ == MEMCACHED_SUCCESS || last_result_ == MEMCACHED_NOTFOUND;
+}
+
+bool Memcached::Get(const std::string& key, MemcachedData& out) {
+  if (!ready_) return false;
+  size_t length = 0;
+  uint32_t flags = 0;
+  memcached_return_t rc = MEMCACHED_SUCCESS;
+  char* value = memcached_get(handle_, key.data(), key.size(), &length, &flags, &rc);
+  last_result_ = rc;
+  if (value != nullptr) {
+    out.key = key;
+    out.value = Text(value, length);
+    free(value);
+  } else if (rc != MEMCACHED_SUCCESS) {
+    return false;
+  } else {
+    out.key = key;
+    out.value.clear();
+  }
+  out.flags = flags;
+  return true;
+}
+
+bool Memcached::Gets(const std::string& key, MemcachedData& out, uint64_t& cas) {
+  if (!ready_) return false;
+  memcached_result_st result;
+  if (memcached_result_create(handle_, &result) == nullptr) return false;
+  ScopeGuard free_result([&result] { memcached_result_free(&result); });
+
+  const char* keys[] = {key.data()};
+  const size_t lengths[] = {key.size()};
+  last_result_ = memcached_mget(handle_, keys, lengths, 1);
+  if (last_result_ != MEMCACHED_SUCCESS) return false;
+
+  memcached_return_t rc = MEMCACHED_SUCCESS;
+  if (memcached_fetch_result(handle_, &result, &rc) == nullptr) {
+    last_result_ = rc;
+    return false;
+  }
+  last_result_ = rc;
+  out.key = Text(memcached_result_key_value(&result), memcached_result_key_length(&result));
+  out.value = Text(memcached_result_value(&result), memcached_result_length(&result));
+  out.flags = memcached_result_flags(&result);
+  cas = memcached_result_cas(&result);
+
+  // Exactly one item must have come back.
+  memcached_result_st* extra = memcached_fetch_result(handle_, &result, &rc);
+  last_result_ = rc;
+  return extra == nullptr && rc == MEMCACHED_END;
+}
+
+bool Memcached::MultiGet(const std::vector<std::string>& keys, std::vector<MemcachedData>& out,
+                         bool allow_notfound) {
+  if (!ready_) return false;
+  std::vector<const char*> key_ptrs;
+  std::vector<size_t> key_lengths;
+  key_ptrs.reserve(keys.size());
+  key_lengths.reserve(keys.size());
+  for (const auto& key : keys) {
+    if (key.empty()) continue;
+    key_ptrs.push_back(key.data());
+    key_lengths.push_back(key.size());
+  }
+
+  memcached_result_st result;
+  if (memcached_result_create(handle_, &result) == nullptr) return false;
+  ScopeGuard free_result([&result] { memcached_result_free(&result); });
+
+  last_result_ = memcached_mget(handle_, key_ptrs.data(), key_lengths.data(), key_ptrs.size());
+  if (last_result_ != MEMCACHED_SUCCESS) return false;
+
+  memcached_return_t rc = MEMCACHED_SUCCESS;
+  while (memcached_fetch_result(handle_, &result, &rc) != nullptr) {
+    // The item's stored flags are not copied: records carry flags 0.
+    out.push_back(MemcachedData{
+        Text(memcached_result_key_value(&result), memcached_result_key_length(&result)),
+        Text(memcached_result_value(&result), memcached_result_length(&result)), 0,
+        MemcachedData::default_timeout});
+  }
+  last_result_ = rc;
+  if (rc == MEMCACHED_END) return true;
+  return allow_notfound && rc == MEMCACHED_NOTFOUND;
+}
+
+}  // namespace sdk
+}  // namespace velmora
