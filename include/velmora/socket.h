@@ -20,8 +20,8 @@ namespace socket {
 // after its answer; -1 on any failure, with one log line. A receive error or
 // time-out clears `response`; other failures leave it untouched.
 [[nodiscard]] VELMORA_EXPORT int QuerySockServer(const std::string& socket_path,
-                                                 const std::string& request,
-                                                 std::string& response, int timeout);
+                                                 const std::string& request, std::string& response,
+                                                 int timeout);
 
 }  // namespace socket
 }  // namespace common

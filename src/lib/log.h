@@ -18,13 +18,13 @@
 
 // errno is kept across the process-name lookup so that a "%m" in the message
 // still names the failure being reported.
-#define VELMORA_LOG_AT(priority, fmt, ...)                                                    \
-  do {                                                                                        \
-    const int velmora_saved_errno_ = errno;                                                   \
-    const std::string velmora_process_ = ::velmora::sdk::GetProcessName();                    \
-    errno = velmora_saved_errno_;                                                             \
+#define VELMORA_LOG_AT(priority, fmt, ...)                                                \
+  do {                                                                                    \
+    const int velmora_saved_errno_ = errno;                                               \
+    const std::string velmora_process_ = ::velmora::sdk::GetProcessName();                \
+    errno = velmora_saved_errno_;                                                         \
     syslog((priority), "%s:%d: %s: " fmt, kLogModule, __LINE__, velmora_process_.c_str(), \
-           ##__VA_ARGS__);                                                                    \
+           ##__VA_ARGS__);                                                                \
   } while (0)
 
 #define VELMORA_LOG(fmt, ...) VELMORA_LOG_AT(VELMORA_LOG_ERR, fmt, ##__VA_ARGS__)

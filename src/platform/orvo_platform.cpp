@@ -214,11 +214,9 @@ int OLIBCFileTouch(const char* path) {
 
 int ORVOUserGet(const char* name, ORVOUSER** user) {
   if (name == nullptr) return -1;
-  return LookUpUser(
-      [name](struct passwd* pw, char* buf, size_t len, struct passwd** found) {
-        return getpwnam_r(name, pw, buf, len, found);
-      },
-      user);
+  return LookUpUser([name](struct passwd* pw, char* buf, size_t len,
+                           struct passwd** found) { return getpwnam_r(name, pw, buf, len, found); },
+                    user);
 }
 
 int ORVOUserGetByUID(uint32_t uid, ORVOUSER** user) {

@@ -32,8 +32,7 @@ int OLIBCSzHashSetValue(OLIBC_SZHASH** table, const char* key, const char* value
 /* Number of pairs; 0 for NULL. */
 size_t OLIBCSzHashCount(const OLIBC_SZHASH* table);
 /* The pair at insertion position `index`. 0, or -1 when out of range. */
-int OLIBCSzHashGetAt(const OLIBC_SZHASH* table, size_t index, const char** key,
-                     const char** value);
+int OLIBCSzHashGetAt(const OLIBC_SZHASH* table, size_t index, const char** key, const char** value);
 
 /* Reads the key/value lines of the file at `path` into *table (allocated when
  * NULL), each line split at the first `separator`. A trailing "\r" is dropped,

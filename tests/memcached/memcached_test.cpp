@@ -80,8 +80,8 @@ class MemcachedTest : public ::testing::TestWithParam<Transport> {
     return raw;
   }
 
-  static MemcachedData Item(const std::string& key, const std::string& value,
-                            uint32_t flags = 0, time_t expiration = 0) {
+  static MemcachedData Item(const std::string& key, const std::string& value, uint32_t flags = 0,
+                            time_t expiration = 0) {
     return MemcachedData{key, value, flags, expiration};
   }
 

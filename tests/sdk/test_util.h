@@ -51,8 +51,7 @@ class ScratchDir {
 
   // Mounts a tmpfs of `size` (e.g. "64k"; empty for the default) at the new
   // directory `name`; true on success. Unmounted by the destructor.
-  bool MountTmpfs(const std::string& name, const std::string& size = "",
-                  unsigned long flags = 0) {
+  bool MountTmpfs(const std::string& name, const std::string& size = "", unsigned long flags = 0) {
     std::string dir = path_ + "/" + name;
     mkdir(dir.c_str(), 0755);
     std::string opts = size.empty() ? "mode=0755" : "mode=0755,size=" + size;

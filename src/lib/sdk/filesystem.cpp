@@ -27,11 +27,11 @@ constexpr char kLogModule[] = "src/lib/sdk/filesystem";
 constexpr int kTempPathTries = 1000;
 
 // Logs "<what><path> <error text>" as one line.
-#define LOG_FS_ERROR(what, subject, ec)                       \
-  do {                                                        \
-    std::ostringstream text_;                                 \
-    text_ << (what) << (subject) << " " << (ec).message();    \
-    VELMORA_LOG("%s", text_.str().c_str());                   \
+#define LOG_FS_ERROR(what, subject, ec)                    \
+  do {                                                     \
+    std::ostringstream text_;                              \
+    text_ << (what) << (subject) << " " << (ec).message(); \
+    VELMORA_LOG("%s", text_.str().c_str());                \
   } while (0)
 
 error_code ErrnoCode(int err) { return error_code(err, boost::system::system_category()); }

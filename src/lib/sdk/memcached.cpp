@@ -28,8 +28,7 @@ Memcached::Memcached()
 
 Memcached::Memcached(const std::string& server, int port) : Memcached() {
   if (handle_ == nullptr) return;
-  last_result_ =
-      memcached_server_add(handle_, server.c_str(), static_cast<in_port_t>(port));
+  last_result_ = memcached_server_add(handle_, server.c_str(), static_cast<in_port_t>(port));
   ready_ = last_result_ == MEMCACHED_SUCCESS && memcached_server_count(handle_) != 0;
 }
 
@@ -57,15 +56,15 @@ bool Memcached::BehaviorGet(memcached_behavior_t flag, uint64_t& data) {
 
 bool Memcached::Set(const MemcachedData& d) {
   if (!ready_) return false;
-  last_result_ = memcached_set(handle_, d.key.data(), d.key.size(), d.value.data(),
-                               d.value.size(), d.expiration, d.flags);
+  last_result_ = memcached_set(handle_, d.key.data(), d.key.size(), d.value.data(), d.value.size(),
+                               d.expiration, d.flags);
   return last_result_ == MEMCACHED_SUCCESS;
 }
 
 bool Memcached::Add(const MemcachedData& d) {
   if (!ready_) return false;
-  last_result_ = memcached_add(handle_, d.key.data(), d.key.size(), d.value.data(),
-                               d.value.size(), d.expiration, d.flags);
+  last_result_ = memcached_add(handle_, d.key.data(), d.key.size(), d.value.data(), d.value.size(),
+                               d.expiration, d.flags);
   return last_result_ == MEMCACHED_SUCCESS;
 }
 
@@ -78,14 +77,15 @@ bool Memcached::Replace(const MemcachedData& d) {
 
 bool Memcached::Cas(const MemcachedData& d, const uint64_t& cas) {
   if (!ready_) return false;
-  last_result_ = memcached_cas(handle_, d.key.data(), d.key.size(), d.value.data(),
-                               d.value.size(), d.expiration, d.flags, cas);
+  last_result_ = memcached_cas(handle_, d.key.data(), d.key.size(), d.value.data(), d.value.size(),
+                               d.expiration, d.flags, cas);
   return last_result_ == MEMCACHED_SUCCESS;
 }
 
 bool Memcached::Append(const std::string& key, const std::string& value) {
   if (!ready_) return false;
-  last_result_ = memcached_append(handle_, key.data(), key.size(), value.data(), value.size(), 0, 0);
+  last_result_ =
+      memcached_append(handle_, key.data(), key.size(), value.data(), value.size(), 0, 0);
   return last_result_ == MEMCACHED_SUCCESS;
 }
 
