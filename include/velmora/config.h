@@ -79,6 +79,18 @@ class VELMORA_EXPORT KeyTreeStore {
   static KeyTreeStore* instance_;
 };
 
+namespace action {
+
+// Reads the setting `name` (a bare key, a family key with its instance part,
+// or a full "tree/key" address): first from the local configuration service,
+// then from the tree's JSON file. Returns 0 with `value` set to the service's
+// reply or the file member's string (empty when the member is missing or not
+// a string); 0 with `value` untouched when the service is down and the tree
+// has no file; 1 when the file cannot be opened or parsed (`value`
+// untouched). Every failure is logged.
+[[nodiscard]] VELMORA_EXPORT int Get(const std::string& name, std::string& value);
+
+}  // namespace action
 }  // namespace config
 }  // namespace velmora
 

@@ -3,6 +3,7 @@
 #ifndef VELMORA_VELMORA_H_
 #define VELMORA_VELMORA_H_
 
+#include <velmora/backend.h>
 #include <velmora/common.h>
 #include <velmora/config.h>
 #include <velmora/file.h>

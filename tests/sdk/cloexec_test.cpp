@@ -65,7 +65,8 @@ int ReportInheritedDescriptors() {
   }
   _exit(0);
 }
-const int probe_exit_placeholder = ReportInheritedDescriptors();
+// Runs before main() in every start of this binary; returns at once unless probing.
+[[maybe_unused]] const int probe_checked = ReportInheritedDescriptors();
 
 // Descriptors open in this process now.
 std::set<int> OpenDescriptors() {
