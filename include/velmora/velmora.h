@@ -8,6 +8,8 @@
 #include <velmora/config.h>
 #include <velmora/file.h>
 #include <velmora/memcached.h>
+#include <velmora/settings.h>
 #include <velmora/socket.h>
+#include <velmora/user.h>
 
 #endif  // VELMORA_VELMORA_H_
