@@ -45,6 +45,18 @@ int SetValue(OLIBC_SZHASH* table, std::string_view key, std::string_view value) 
   return 0;
 }
 
+// Writes all of `data`; false on a write error.
+bool WriteAll(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    ssize_t put = write(fd, data, size);
+    if (put < 0 && errno == EINTR) continue;
+    if (put < 0) return false;
+    data += put;
+    size -= static_cast<size_t>(put);
+  }
+  return true;
+}
+
 struct FileCloser {
   void operator()(FILE* f) const {
     if (f != nullptr) fclose(f);
@@ -181,22 +193,28 @@ int OLIBCFileGetKeys(const char* path, int flags, OLIBC_SZHASH** table, const ch
 
 int OLIBCFileSetKeys(const char* path, const OLIBC_SZHASH* table, int flags, int mode) {
   if (path == nullptr || table == nullptr || flags != 0 || mode != 0) return -1;
-  FILE* file = fopen(path, "we");
-  if (file == nullptr) return -1;
-  static constexpr size_t kBufferSize = 64 * 1024;
-  setvbuf(file, nullptr, _IOFBF, kBufferSize);
+  int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (fd < 0) return -1;
+  // Lines are gathered into one buffer and written in large pieces: a
+  // settings file of many keys costs a handful of system calls.
+  static constexpr size_t kChunk = 64 * 1024;
+  std::string buf;
   bool ok = true;
-  for (const auto& entry : table->entries) {
-    if (fwrite(entry.first.data(), 1, entry.first.size(), file) != entry.first.size() ||
-        fputc('=', file) == EOF ||
-        fwrite(entry.second.data(), 1, entry.second.size(), file) != entry.second.size() ||
-        fputc('\n', file) == EOF) {
-      ok = false;
-      break;
+  try {
+    buf.reserve(kChunk + 256);
+    for (const auto& entry : table->entries) {
+      buf.append(entry.first).append(1, '=').append(entry.second).append(1, '\n');
+      if (buf.size() >= kChunk) {
+        ok = WriteAll(fd, buf.data(), buf.size());
+        if (!ok) break;
+        buf.clear();
+      }
     }
+    if (ok) ok = WriteAll(fd, buf.data(), buf.size());
+  } catch (...) {
+    ok = false;
   }
-  if (fflush(file) != 0) ok = false;
-  if (fclose(file) != 0) ok = false;
+  if (close(fd) != 0) ok = false;
   return ok ? 0 : -1;
 }
 

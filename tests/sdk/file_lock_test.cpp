@@ -19,6 +19,7 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 
+#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <functional>
@@ -62,14 +63,12 @@ bool IsLogText(const std::string& text, const std::string& module, const std::st
   const size_t digits = pos;
   while (pos < text.size() && std::isdigit(static_cast<unsigned char>(text[pos]))) ++pos;
   if (pos == digits) return false;
-  return text.substr(pos) ==
-         ": " + std::string(program_invocation_short_name) + ": " + message;
+  return text.substr(pos) == ": " + std::string(program_invocation_short_name) + ": " + message;
 }
 
 MATCHER_P2(LogLine, module, message,
            std::string(negation ? "isn't" : "is") + " <139> \"" + std::string(module) +
-               ":<line>: " + program_invocation_short_name + ": " + std::string(message) +
-               "\"") {
+               ":<line>: " + program_invocation_short_name + ": " + std::string(message) + "\"") {
   return arg.priority == kLocal1Err && IsLogText(arg.text, module, message);
 }
 
@@ -108,12 +107,13 @@ int NextDescriptor() {
 
 // Waits up to `timeout` for `fd` to become readable (data or end of file).
 bool Readable(int fd, milliseconds timeout) {
-  pollfd p{fd, POLLIN, 0};
-  int rc;
-  do {
-    rc = poll(&p, 1, static_cast<int>(timeout.count()));
-  } while (rc < 0 && errno == EINTR);
-  return rc > 0;
+  const auto deadline = steady_clock::now() + timeout;
+  for (;;) {
+    const auto left = std::chrono::duration_cast<milliseconds>(deadline - steady_clock::now());
+    pollfd p{fd, POLLIN, 0};
+    int rc = poll(&p, 1, static_cast<int>(std::max(left.count(), milliseconds::rep{0})));
+    if (rc >= 0 || errno != EINTR) return rc > 0;
+  }
 }
 
 int ExitStatus(pid_t pid) {
@@ -127,21 +127,34 @@ int ExitStatus(pid_t pid) {
   return WEXITSTATUS(status);
 }
 
+// A child that waits longer than this is stuck: SIGALRM ends it.
+constexpr unsigned kChildLimitSeconds = 30;
+
+// Called first in every child, which may have inherited a SIGALRM handler.
+void LimitChildTime() {
+  signal(SIGALRM, SIG_DFL);
+  alarm(kChildLimitSeconds);
+}
+
 // Runs `fn` in a forked child that exits with fn's result; returns its pid.
 pid_t Spawn(const std::function<int()>& fn) {
   pid_t pid = fork();
-  if (pid == 0) _exit(fn());
+  if (pid == 0) {
+    LimitChildTime();
+    _exit(fn());
+  }
   return pid;
 }
 
 // Another process holding a flock(2) lock of kind `operation` on `path` for
-// at most `hold`, or until Release().
+// at most `hold`, or until Finish().
 class LockHolder {
  public:
   LockHolder(const std::string& path, int operation, milliseconds hold) {
     if (pipe2(ready_, O_CLOEXEC) != 0 || pipe2(release_, O_CLOEXEC) != 0) return;
     pid_ = fork();
     if (pid_ == 0) {
+      LimitChildTime();
       close(ready_[0]);
       close(release_[1]);
       int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
@@ -180,12 +193,13 @@ class LockHolder {
 
 void IgnoreSignal(int) {}
 
-// Delivers one SIGALRM after `delay` to a handler installed without
-// SA_RESTART, so that a blocking call waiting at that moment fails with
-// EINTR. The previous handler comes back with the object.
+// Delivers SIGALRM after `delay` (and then every `interval`, if not zero) to
+// a handler installed without SA_RESTART, so that a blocking call waiting at
+// that moment fails with EINTR. The previous handler comes back with the
+// object.
 class AlarmInterrupt {
  public:
-  explicit AlarmInterrupt(milliseconds delay) {
+  explicit AlarmInterrupt(milliseconds delay, milliseconds interval = milliseconds(0)) {
     struct sigaction action {};
     action.sa_handler = IgnoreSignal;
     sigemptyset(&action.sa_mask);
@@ -194,6 +208,8 @@ class AlarmInterrupt {
     itimerval timer{};
     timer.it_value.tv_sec = static_cast<time_t>(delay.count() / 1000);
     timer.it_value.tv_usec = static_cast<suseconds_t>((delay.count() % 1000) * 1000);
+    timer.it_interval.tv_sec = static_cast<time_t>(interval.count() / 1000);
+    timer.it_interval.tv_usec = static_cast<suseconds_t>((interval.count() % 1000) * 1000);
     setitimer(ITIMER_REAL, &timer, nullptr);
   }
   ~AlarmInterrupt() {
@@ -228,7 +244,8 @@ bool FailCloseOf(int fd, int err) {
       // Low half of the first argument (little-endian).
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(fd), 0, 1),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | (static_cast<unsigned>(err) & SECCOMP_RET_DATA)),
+      BPF_STMT(BPF_RET | BPF_K,
+               SECCOMP_RET_ERRNO | (static_cast<unsigned>(err) & SECCOMP_RET_DATA)),
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
   };
   sock_fprog program{static_cast<unsigned short>(sizeof(filter) / sizeof(filter[0])), filter};
@@ -248,6 +265,11 @@ class FileLockTest : public testing::Test {
 
   ScratchDir dir_;
   mode_t previous_umask_ = 0;
+  // A lock that waits forever here is a failure, not a hang: after 20 s
+  // every wait (and every sleep between retries) is interrupted, so Lock()
+  // and LockRetry() return false. Tests that set their own alarm replace
+  // this one.
+  AlarmInterrupt watchdog_{milliseconds(20000), milliseconds(100)};
 };
 
 TEST_F(FileLockTest, LockCreatesMissingFileWithModeFromUmask) {
@@ -371,14 +393,14 @@ TEST_F(FileLockTest, MissingDirectoryFailsOpen) {
 
 TEST_F(FileLockTest, ExclusiveLockWaitsForHolderInAnotherProcess) {
   const std::string path = dir_ / "a.lock";
+  LogCapture capture;
   LockHolder holder(path, LOCK_EX, milliseconds(1000));
   ASSERT_TRUE(holder.WaitHeld());
-  LogCapture capture;
   FileLock lock(path, true);
   const auto start = steady_clock::now();
   ASSERT_TRUE(lock.Lock());
   const double waited = SecondsSince(start);
-  EXPECT_GE(waited, 0.9);
+  EXPECT_GE(waited, 0.8);
   EXPECT_LT(waited, 5.0);
   EXPECT_EQ(holder.Finish(), 0);
   EXPECT_TRUE(WouldBlock(path, LOCK_SH));
@@ -392,7 +414,7 @@ TEST_F(FileLockTest, SharedLockWaitsForExclusiveHolder) {
   FileLock lock(path, false);
   const auto start = steady_clock::now();
   ASSERT_TRUE(lock.Lock());
-  EXPECT_GE(SecondsSince(start), 0.9);
+  EXPECT_GE(SecondsSince(start), 0.8);
   EXPECT_EQ(holder.Finish(), 0);
   EXPECT_FALSE(WouldBlock(path, LOCK_SH));
   EXPECT_TRUE(WouldBlock(path, LOCK_EX));
@@ -475,8 +497,8 @@ TEST_F(FileLockTest, InterruptedWaitFailsWithClosedDescriptor) {
   EXPECT_EQ(DescriptorsOn(path), 0);
   EXPECT_EQ(holder.Finish(), 0);
   EXPECT_THAT(capture.Records(),
-              ElementsAre(LogLine(kLockModule, "Get file lock(" + std::to_string(fd) +
-                                                   ") fail, close(0)")));
+              ElementsAre(LogLine(kLockModule,
+                                  "Get file lock(" + std::to_string(fd) + ") fail, close(0)")));
 }
 
 TEST_F(FileLockTest, FailedUnlockKeepsDescriptorAndDestructorReports) {
@@ -569,14 +591,14 @@ TEST_F(FileLockTest, GuardLocksFreeFileAtOnce) {
 
 TEST_F(FileLockTest, GuardWaitsForHolderInAnotherProcess) {
   const std::string path = dir_ / "a.lock";
+  LogCapture capture;
   LockHolder holder(path, LOCK_EX, milliseconds(1000));
   ASSERT_TRUE(holder.WaitHeld());
-  LogCapture capture;
   const auto start = steady_clock::now();
   ExclusiveFileLockGuard guard(path, 60);
   const double waited = SecondsSince(start);
   EXPECT_GE(guard.fd_, 0);
-  EXPECT_GE(waited, 0.9);
+  EXPECT_GE(waited, 0.8);
   EXPECT_LT(waited, 5.0);
   EXPECT_EQ(holder.Finish(), 0);
   EXPECT_THAT(capture.Records(), IsEmpty());
@@ -669,8 +691,8 @@ TEST_F(FileLockTest, GuardRetriesInterruptedWaitOneSecondLater) {
   EXPECT_LT(elapsed, 5.0);
   EXPECT_EQ(holder.Finish(), 0);
   EXPECT_THAT(capture.Records(),
-              ElementsAre(LogLine(kLockModule, "Get file lock(" + std::to_string(fd) +
-                                                   ") fail, close(0)")));
+              ElementsAre(LogLine(kLockModule,
+                                  "Get file lock(" + std::to_string(fd) + ") fail, close(0)")));
 }
 
 TEST_F(FileLockTest, GuardianWithoutLockFailsWithoutMessage) {
@@ -716,6 +738,7 @@ TEST_F(FileLockTest, GuardianForAnotherUserNeedsRoot) {
   const std::string path = dir_ / "a.lock";
   LogCapture capture;
   int status = RunAs("vtuser1", [&] {
+    LimitChildTime();
     ExclusiveFileLockGuard guard(path, 1);
     if (guard.fd_ < 0) return 10;
     return guard.Guardian("vtuser2") ? 1 : 0;
@@ -733,6 +756,7 @@ TEST_F(FileLockTest, GuardianForItselfTakesUsersPrimaryGroup) {
   ASSERT_EQ(chown(path.c_str(), UidOf("vtuser1"), 61100), 0);  // vtuser1:vtshared
   LogCapture capture;
   int status = RunAs("vtuser1", [&] {
+    LimitChildTime();
     ExclusiveFileLockGuard guard(path, 1);
     if (guard.fd_ < 0) return 10;
     return guard.Guardian("vtuser1") ? 0 : 1;
@@ -750,6 +774,7 @@ TEST_F(FileLockTest, GuardianReportsChownRefusedToNonOwner) {
   ASSERT_TRUE(WriteFile(path, "", 0666));
   LogCapture capture;
   int status = RunAs("vtuser1", [&] {
+    LimitChildTime();
     ExclusiveFileLockGuard guard(path, 1);
     if (guard.fd_ < 0) return 10;
     return guard.Guardian("vtuser1") ? 1 : 0;
