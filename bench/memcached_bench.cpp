@@ -141,10 +141,9 @@ void BM_Raw_MultiGet100(benchmark::State& state) {
     }
     memcached_return_t rc;
     while (memcached_fetch_result(raw, &result, &rc) != nullptr) {
-      out.emplace_back(std::string(memcached_result_key_value(&result),
-                                   memcached_result_key_length(&result)),
-                       std::string(memcached_result_value(&result),
-                                   memcached_result_length(&result)));
+      out.emplace_back(
+          std::string(memcached_result_key_value(&result), memcached_result_key_length(&result)),
+          std::string(memcached_result_value(&result), memcached_result_length(&result)));
     }
     if (out.size() != keys.size()) state.SkipWithError("fetch incomplete");
   }
@@ -167,10 +166,9 @@ BENCHMARK(BM_Raw_MultiGet100)->Arg(0)->Arg(1);
 int main(int argc, char** argv) {
   // The servers inherit this process's CPU affinity, so pinning the
   // benchmark pins them too.
-  velmora::test::ServerProcess tcp(
-      {"/usr/bin/memcached", "-u", "root", "-l", "127.0.0.1", "-p", std::to_string(kPort), "-U",
-       "0", "-t", "1"},
-      [] { return velmora::test::CanConnectTcp("127.0.0.1", kPort); });
+  velmora::test::ServerProcess tcp({"/usr/bin/memcached", "-u", "root", "-l", "127.0.0.1", "-p",
+                                    std::to_string(kPort), "-U", "0", "-t", "1"},
+                                   [] { return velmora::test::CanConnectTcp("127.0.0.1", kPort); });
   velmora::test::ServerProcess unix_socket(
       {"/usr/bin/memcached", "-u", "root", "-s", kSocket, "-t", "1"},
       [] { return velmora::test::CanConnectUnix(kSocket); });

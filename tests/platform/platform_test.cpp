@@ -6,6 +6,7 @@
 #include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -202,17 +203,17 @@ TEST_F(PlatformTest, ReaderKeepsFirstPlaceAndLastValueOfRepeatedKey) {
 }
 
 TEST_F(PlatformTest, ReaderRemovesOnePairOfQuotes) {
-  EXPECT_THAT(ReadPairs(dir_,
-                        "a=\"two words\"\n"
-                        "b=\"\"\n"
-                        "c=\"\"x\"\"\n"
-                        "d=\"open\n"
-                        "e=close\"\n"
-                        "f=\"\n"
-                        "g=in\"side\n"),
-              ElementsAre(Pair("a", "two words"), Pair("b", ""), Pair("c", "\"x\""),
-                          Pair("d", "\"open"), Pair("e", "close\""), Pair("f", "\""),
-                          Pair("g", "in\"side")));
+  EXPECT_THAT(
+      ReadPairs(dir_,
+                "a=\"two words\"\n"
+                "b=\"\"\n"
+                "c=\"\"x\"\"\n"
+                "d=\"open\n"
+                "e=close\"\n"
+                "f=\"\n"
+                "g=in\"side\n"),
+      ElementsAre(Pair("a", "two words"), Pair("b", ""), Pair("c", "\"x\""), Pair("d", "\"open"),
+                  Pair("e", "close\""), Pair("f", "\""), Pair("g", "in\"side")));
 }
 
 TEST_F(PlatformTest, ReaderDropsTrailingCarriageReturn) {
@@ -354,8 +355,8 @@ TEST_F(PlatformTest, TouchCreatesMissingFileWithModeFromUmask) {
 TEST_F(PlatformTest, TouchUpdatesTimesAndKeepsContents) {
   const std::string path = dir_ / "touched";
   ASSERT_TRUE(WriteFile(path, "keep\n", 0600));
-  const timespec old_times[2] = {{946684800, 0}, {946684800, 0}};  // 2000-01-01
-  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), old_times, 0), 0);
+  const timeval old_times[2] = {{946684800, 0}, {946684800, 0}};  // 2000-01-01
+  ASSERT_EQ(utimes(path.c_str(), old_times), 0);
   const time_t before = time(nullptr);
   ASSERT_EQ(OLIBCFileTouch(path.c_str()), 0);
   struct stat st;

@@ -74,8 +74,7 @@ bool MessageOf(const std::string& text, const std::string& module, std::string* 
 
 MATCHER_P2(LogLine, module, message,
            std::string(negation ? "isn't" : "is") + " <139> \"" + std::string(module) +
-               ":<line>: " + program_invocation_short_name + ": " + std::string(message) +
-               "\"") {
+               ":<line>: " + program_invocation_short_name + ": " + std::string(message) + "\"") {
   std::string text;
   return arg.priority == kLocal1Err && MessageOf(arg.text, module, &text) && text == message;
 }
@@ -83,18 +82,17 @@ MATCHER_P2(LogLine, module, message,
 // The same with the message matched by an ECMAScript regular expression.
 MATCHER_P2(LogLineMatching, module, pattern,
            std::string(negation ? "isn't" : "is") + " <139> \"" + std::string(module) +
-               ":<line>: " + program_invocation_short_name + ": " + std::string(pattern) +
-               "\"") {
+               ":<line>: " + program_invocation_short_name + ": " + std::string(pattern) + "\"") {
   std::string text;
   return arg.priority == kLocal1Err && MessageOf(arg.text, module, &text) &&
          std::regex_match(text, std::regex(std::string(pattern)));
 }
 
 std::string EscapeRegex(const std::string& text) {
-  static const std::string kSpecial = R"(\^$.|?*+()[]{}-/)";
+  static const std::string kRegexMeta = R"(\^$.|?*+()[]{}-/)";
   std::string out;
   for (char c : text) {
-    if (kSpecial.find(c) != std::string::npos) out.push_back('\\');
+    if (kRegexMeta.find(c) != std::string::npos) out.push_back('\\');
     out.push_back(c);
   }
   return out;
@@ -287,6 +285,24 @@ TEST_F(FileKeyValueTest, WriteOfMissingFileFailsAndCreatesNothing) {
   EXPECT_THAT(capture.Records(), ElementsAre(LogLine(kModule, "Stat file error")));
 }
 
+TEST_F(FileKeyValueTest, WriteOfUnreachableFileFails) {
+  // vtuser1 cannot search the directory, so stat(2) of the file fails.
+  const std::string hidden = dir_ / "hidden";
+  ASSERT_EQ(mkdir(hidden.c_str(), 0700), 0);
+  const std::string path = hidden + "/a.conf";
+  ASSERT_TRUE(WriteFile(path, "a=1\n"));
+  LogCapture capture;
+  int status = RunAs("vtuser1", [&] {
+    FileKeyValue kv(path);
+    if (!kv.Update("a", "2")) return 10;
+    return kv.Write() ? 1 : 0;
+  });
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(ReadFile(path), "a=1\n");
+  EXPECT_THAT(ListDir(hidden), ElementsAre("a.conf"));
+  EXPECT_THAT(capture.Records(), ElementsAre(LogLine(kModule, "Stat file error")));
+}
+
 TEST_F(FileKeyValueTest, RewriteKeepsOwnerGroupAndMode) {
   const std::string path = dir_ / "a.conf";
   ASSERT_TRUE(WriteFile(path, "a=1\n", 0640));
@@ -307,7 +323,7 @@ TEST_F(FileKeyValueTest, RewriteKeepsOwnerGroupAndMode) {
   EXPECT_THAT(capture.Records(), IsEmpty());
 }
 
-TEST_F(FileKeyValueTest, RewriteKeepsSpecialModeBits) {
+TEST_F(FileKeyValueTest, RewriteKeepsSetGroupIdBit) {
   const std::string path = dir_ / "a.conf";
   ASSERT_TRUE(WriteFile(path, "a=1\n", 02600));
   FileKeyValue kv(path);
@@ -418,11 +434,11 @@ TEST_F(FileKeyValueTest, WriteOntoDirectoryFailsRename) {
   EXPECT_EQ(ListDir(dir_.path()), before);
   EXPECT_THAT(ListDir(path), ElementsAre("inside"));
   EXPECT_EQ(ReadFile(path + "/inside"), "x");
-  EXPECT_THAT(capture.Records(),
-              ElementsAre(LogLineMatching(kFsModule, "Rename failed: " + TempNamePattern(path) +
-                                                         " -> " + EscapeRegex(path) +
-                                                         " Is a directory"),
-                          LogLine(kModule, "Move temp file to " + path + " fail")));
+  EXPECT_THAT(
+      capture.Records(),
+      ElementsAre(LogLineMatching(kFsModule, "Rename failed: " + TempNamePattern(path) + " -> " +
+                                                 EscapeRegex(path) + " Is a directory"),
+                  LogLine(kModule, "Move temp file to " + path + " fail")));
 }
 
 TEST_F(FileKeyValueTest, FailedWriteKeepsChangesForRetry) {

@@ -196,13 +196,19 @@ bool Memcached::MultiGet(const std::vector<std::string>& keys, std::vector<Memca
   last_result_ = memcached_mget(handle_, key_ptrs.data(), key_lengths.data(), key_ptrs.size());
   if (last_result_ != MEMCACHED_SUCCESS) return false;
 
+  // Records are built in place: MemcachedData has no move constructor (its
+  // destructor is declared), so a temporary or a reallocation would copy
+  // every key and value.
+  out.reserve(out.size() + key_ptrs.size());
   memcached_return_t rc = MEMCACHED_SUCCESS;
   while (memcached_fetch_result(handle_, &result, &rc) != nullptr) {
+    out.emplace_back();
+    MemcachedData& record = out.back();
+    record.key = Text(memcached_result_key_value(&result), memcached_result_key_length(&result));
+    record.value = Text(memcached_result_value(&result), memcached_result_length(&result));
     // The item's stored flags are not copied: records carry flags 0.
-    out.push_back(MemcachedData{
-        Text(memcached_result_key_value(&result), memcached_result_key_length(&result)),
-        Text(memcached_result_value(&result), memcached_result_length(&result)), 0,
-        MemcachedData::default_timeout});
+    record.flags = 0;
+    record.expiration = MemcachedData::default_timeout;
   }
   last_result_ = rc;
   if (rc == MEMCACHED_END) return true;
