@@ -63,12 +63,13 @@ bool PrepareTree() {
   return Run(std::string("mkdir -p ") + kSettingsDir + " " + kFetchmailDir +
              " /var/packages/Velmora-Server/target/bin /var/lock/velmora_server " + kRecordDir) &&
          chmod(kRecordDir, 0777) == 0 &&
-         WriteText(kFetchmail,
-                   std::string("#!/bin/sh\nline=\"\"\nfor a in \"$@\"; do line=\"$line$a\t\"; "
-                               "done\nids=\"$(/usr/bin/id -ru) $(/usr/bin/id -u) $(/usr/bin/id "
-                               "-rg) $(/usr/bin/id -g)\"\nprintf '%s%s\\n' \"$line\" \"$ids\" >> ") +
-                       kRecord + "\nexit 0\n",
-                   0755) &&
+         WriteText(
+             kFetchmail,
+             std::string("#!/bin/sh\nline=\"\"\nfor a in \"$@\"; do line=\"$line$a\t\"; "
+                         "done\nids=\"$(/usr/bin/id -ru) $(/usr/bin/id -u) $(/usr/bin/id "
+                         "-rg) $(/usr/bin/id -g)\"\nprintf '%s%s\\n' \"$line\" \"$ids\" >> ") +
+                 kRecord + "\nexit 0\n",
+             0755) &&
          WriteText(kBackend, "#!/bin/sh\nexit 0\n", 0755) && WriteText(kRecord, "", 0666);
 }
 
@@ -170,10 +171,9 @@ void FetchmailrcRaw(benchmark::State& state) {
       out += '\n';
     }
     int fd = open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    bool ok = fd >= 0 && fchown(fd, st.st_uid, st.st_gid) == 0 &&
-              fchmod(fd, st.st_mode & 07777) == 0 &&
-              write(fd, out.data(), out.size()) == static_cast<ssize_t>(out.size()) &&
-              fsync(fd) == 0;
+    bool ok =
+        fd >= 0 && fchown(fd, st.st_uid, st.st_gid) == 0 && fchmod(fd, st.st_mode & 07777) == 0 &&
+        write(fd, out.data(), out.size()) == static_cast<ssize_t>(out.size()) && fsync(fd) == 0;
     if (fd >= 0) close(fd);
     ok = ok && rename(temp.c_str(), path.c_str()) == 0;
     int dfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);

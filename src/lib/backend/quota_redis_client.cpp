@@ -114,8 +114,7 @@ bool QuotaRedisClient::SetUserdbQuotaLimit(const std::string& user, unsigned lon
   return SetUserdbAttr(user, kQuotaAttr, Decimal(limit));
 }
 
-bool QuotaRedisClient::SetUserdbQuotaWarning(const std::string& user,
-                                             unsigned long long warning) {
+bool QuotaRedisClient::SetUserdbQuotaWarning(const std::string& user, unsigned long long warning) {
   return SetUserdbAttr(user, kQuotaWarningAttr, Decimal(warning));
 }
 
