@@ -3,8 +3,9 @@
 // in the same process and against the same server, so that their ratio can
 // be read off one run.
 //
-// Names: "<Operation>/<side>[/threads:N]" where <side> is "lib" for the
-// library and "raw" for its twin; scripts/run-benchmarks pairs them by name.
+// Names: "BM_<Operation>" for the library and "BM_Raw_<Operation>" for its
+// twin (Google Benchmark appends "/real_time" and "/threads:N");
+// scripts/run-benchmarks pairs them by name.
 // The twins follow the library's pattern: a PING before every command sent
 // on a connection that was already used, then the command.
 //
@@ -13,28 +14,23 @@
 // namespace owns that port. Pin it with `taskset -c 0`: the server inherits
 // the affinity, so client and server share one CPU, which makes round trips
 // steady enough to compare.
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <signal.h>
 #include <strings.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <sys/time.h>
 
-#include <chrono>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
 #include <unordered_map>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
 #include <velmora/backend.h>
+
+#include "support/server_process.h"
 
 namespace {
 
@@ -45,60 +41,8 @@ constexpr char kServer[] = "/usr/bin/redis-server";
 constexpr int kMGetKeys = 100;
 constexpr int kPatternKeys = 10000;
 
-bool CanConnect() {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_port = htons(kPort);
-  inet_pton(AF_INET, kHost, &addr.sin_addr);
-  bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-  close(fd);
-  return ok;
-}
-
 // The redis-server that every benchmark talks to.
-class Server {
- public:
-  ~Server() { Stop(); }
-
-  bool Start() {
-    pid_ = fork();
-    if (pid_ < 0) return false;
-    if (pid_ == 0) {
-      int null = open("/dev/null", O_RDWR);
-      if (null >= 0) {
-        dup2(null, 0);
-        dup2(null, 1);
-        dup2(null, 2);
-      }
-      const std::string port = std::to_string(kPort);
-      execl(kServer, kServer, "--port", port.c_str(), "--bind", kHost, "--save", "", "--appendonly",
-            "no", "--daemonize", "no", "--dir", "/tmp", static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (std::chrono::steady_clock::now() < deadline) {
-      if (CanConnect()) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    Stop();
-    return false;
-  }
-
-  void Stop() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGTERM);
-    int status;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-  }
-
- private:
-  pid_t pid_ = -1;
-};
-
-Server* g_server = nullptr;
+velmora::test::ServerProcess* g_server = nullptr;
 
 struct ReplyDeleter {
   void operator()(redisReply* r) const { freeReplyObject(r); }
@@ -195,7 +139,7 @@ std::vector<std::string> MGetKeys() {
 // Shared by the threads of one run.
 velmora::backend::RedisClient* g_client = nullptr;
 
-void BM_SetLib(benchmark::State& state) {
+void BM_Set(benchmark::State& state) {
   if (state.thread_index() == 0) {
     g_client = new velmora::backend::RedisClient(kHost, kPort, kTimeoutMs);
   }
@@ -212,10 +156,10 @@ void BM_SetLib(benchmark::State& state) {
     g_client = nullptr;
   }
 }
-BENCHMARK(BM_SetLib)->Name("Set/lib")->UseRealTime()->Threads(1)->Threads(2)->Threads(8);
+BENCHMARK(BM_Set)->UseRealTime()->Threads(1)->Threads(2)->Threads(8);
 
 // Each thread its own connection: the twin has no pool to share.
-void BM_SetRaw(benchmark::State& state) {
+void BM_Raw_Set(benchmark::State& state) {
   RawConnection c;
   if (!c.ok()) state.SkipWithError("connect failed");
   const std::string key = "set:" + std::to_string(state.thread_index());
@@ -228,13 +172,13 @@ void BM_SetRaw(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_SetRaw)->Name("Set/raw")->UseRealTime()->Threads(1)->Threads(2)->Threads(8);
+BENCHMARK(BM_Raw_Set)->UseRealTime()->Threads(1)->Threads(2)->Threads(8);
 
 // ---- MGET of 100 keys --------------------------------------------------------
 
 // Other benchmarks empty or restart the server: the keys are stored again
 // before each run (by its first thread, before any thread starts timing).
-void BM_MGetLib(benchmark::State& state) {
+void BM_MGet100(benchmark::State& state) {
   if (state.thread_index() == 0) {
     if (!Fill("mget:", kMGetKeys)) state.SkipWithError("fill failed");
     g_client = new velmora::backend::RedisClient(kHost, kPort, kTimeoutMs);
@@ -253,10 +197,10 @@ void BM_MGetLib(benchmark::State& state) {
     g_client = nullptr;
   }
 }
-BENCHMARK(BM_MGetLib)->Name("MGet100/lib")->UseRealTime()->Threads(1)->Threads(2)->Threads(8);
+BENCHMARK(BM_MGet100)->UseRealTime()->Threads(1)->Threads(2)->Threads(8);
 
 // The same work: PING, MGET, and the values into a map by key.
-void BM_MGetRaw(benchmark::State& state) {
+void BM_Raw_MGet100(benchmark::State& state) {
   if (state.thread_index() == 0 && !Fill("mget:", kMGetKeys)) state.SkipWithError("fill failed");
   RawConnection c;
   if (!c.ok()) state.SkipWithError("connect failed");
@@ -279,7 +223,7 @@ void BM_MGetRaw(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * kMGetKeys);
 }
-BENCHMARK(BM_MGetRaw)->Name("MGet100/raw")->UseRealTime()->Threads(1)->Threads(2)->Threads(8);
+BENCHMARK(BM_Raw_MGet100)->UseRealTime()->Threads(1)->Threads(2)->Threads(8);
 
 // ---- UnlinkByPattern over 10,000 keys ------------------------------------------
 
@@ -288,7 +232,7 @@ bool RefillPattern() {
   return Flush() && Fill("match:", kPatternKeys / 2) && Fill("other:", kPatternKeys / 2);
 }
 
-void BM_UnlinkByPatternLib(benchmark::State& state) {
+void BM_UnlinkByPattern10000(benchmark::State& state) {
   velmora::backend::RedisClient client(kHost, kPort, kTimeoutMs);
   for (auto _ : state) {
     state.PauseTiming();
@@ -301,11 +245,11 @@ void BM_UnlinkByPatternLib(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * kPatternKeys);
 }
-BENCHMARK(BM_UnlinkByPatternLib)->Name("UnlinkByPattern10000/lib")->UseRealTime();
+BENCHMARK(BM_UnlinkByPattern10000)->UseRealTime();
 
 // The same walk on one connection: PING + SCAN until the cursor is 0, then
 // PING + one UNLINK of every key collected.
-void BM_UnlinkByPatternRaw(benchmark::State& state) {
+void BM_Raw_UnlinkByPattern10000(benchmark::State& state) {
   RawConnection c;
   if (!c.ok()) state.SkipWithError("connect failed");
   for (auto _ : state) {
@@ -335,14 +279,14 @@ void BM_UnlinkByPatternRaw(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * kPatternKeys);
 }
-BENCHMARK(BM_UnlinkByPatternRaw)->Name("UnlinkByPattern10000/raw")->UseRealTime();
+BENCHMARK(BM_Raw_UnlinkByPattern10000)->UseRealTime();
 
 // ---- The first command after a server restart ----------------------------------
 
 // Timed: one Set on a client whose pooled connection died with the old
 // server (its PING fails, a new connection is made, SET runs). The restart
 // and the server's warm-up are not timed.
-void BM_SetAfterRestartLib(benchmark::State& state) {
+void BM_SetAfterRestart(benchmark::State& state) {
   velmora::backend::RedisClient client(kHost, kPort, kTimeoutMs);
   for (auto _ : state) {
     state.PauseTiming();
@@ -355,11 +299,11 @@ void BM_SetAfterRestartLib(benchmark::State& state) {
     }
   }
 }
-BENCHMARK(BM_SetAfterRestartLib)->Name("SetAfterRestart/lib")->UseRealTime()->Iterations(30);
+BENCHMARK(BM_SetAfterRestart)->UseRealTime()->Iterations(30);
 
 // The same work by hand: PING on the dead connection, free it, connect,
 // SET.
-void BM_SetAfterRestartRaw(benchmark::State& state) {
+void BM_Raw_SetAfterRestart(benchmark::State& state) {
   RawConnection c;
   for (auto _ : state) {
     state.PauseTiming();
@@ -379,7 +323,7 @@ void BM_SetAfterRestartRaw(benchmark::State& state) {
     }
   }
 }
-BENCHMARK(BM_SetAfterRestartRaw)->Name("SetAfterRestart/raw")->UseRealTime()->Iterations(30);
+BENCHMARK(BM_Raw_SetAfterRestart)->UseRealTime()->Iterations(30);
 
 }  // namespace
 
@@ -394,7 +338,12 @@ int main(int argc, char** argv) {
                  argv[0], kPort);
     return 1;
   }
-  Server server;
+  // The server inherits this process's CPU affinity, so pinning the
+  // benchmark pins it too.
+  velmora::test::ServerProcess server(
+      {kServer, "--port", std::to_string(kPort), "--bind", kHost, "--save", "", "--appendonly",
+       "no", "--daemonize", "no", "--dir", "/tmp"},
+      [] { return velmora::test::CanConnectTcp(kHost, kPort); });
   g_server = &server;
   if (!server.Start()) {
     std::fprintf(stderr, "%s: could not start %s\n", argv[0], kServer);

@@ -78,9 +78,9 @@ class VELMORA_EXPORT RedisClient {
   // collecting every key returned, then removes them with one Unlink. True
   // when nothing matched (no UNLINK is sent) or the UNLINK succeeded. False
   // for an empty pattern (no traffic), or when any SCAN reply is missing or
-  // not a two-element array; then nothing is removed. Keeps the reply of each
-  // SCAN but the last one allocated (about one reply of some ten keys per
-  // ten keys in the keyspace) until the process ends.
+  // not a two-element array; then nothing is removed. The replies of every
+  // SCAN but the last stay allocated until the process ends (one reply per
+  // about ten keys of the keyspace).
   [[nodiscard]] bool UnlinkByPattern(const std::string& pattern);
   // One MGET of all `keys`. An empty list returns true without any traffic
   // and leaves `values` as it was. Otherwise clears `values` and stores

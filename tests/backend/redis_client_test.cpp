@@ -950,6 +950,10 @@ TEST_F(RedisClientTest, WrongScanReplyInAnyIterationRemovesNothing) {
       {"error", {Error("ERR scan")}},
       {"nil", {Nil()}},
       {"no reply", {"", true}},
+      // Two elements, but not a cursor and a list of keys.
+      {"integer cursor", {Array({Int(0), BulkArray({"x"})})}},
+      {"keys not a list", {Array({Bulk("0"), Bulk("x")})}},
+      {"key not text", {Array({Bulk("0"), Array({Bulk("x"), Int(1)})})}},
   };
   for (int bad_at : {0, 1}) {
     for (const auto& [name, answer] : wrong) {

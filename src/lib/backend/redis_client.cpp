@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include <velmora/backend.h>
@@ -30,7 +31,7 @@ bool ElementValue(const redisReply* element, bool allow_nil, std::string* value)
       return allow_nil;
     case REDIS_REPLY_STRING:
     case REDIS_REPLY_STATUS:
-      value->assign(element->str, element->len);
+      *value = std::string(element->str, element->len);  // Exact-size allocation.
       return true;
     default:  // An array or an error.
       return false;
@@ -158,15 +159,18 @@ bool RedisClient::UnlinkByPattern(const std::string& pattern) {
 bool RedisClient::MGet(const std::vector<std::string>& keys,
                        std::unordered_map<std::string, std::string>& values, bool allow_nil) {
   if (keys.empty()) return true;
-  values.clear();
   redisReply* reply = ExecuteCmd("MGET", keys);
   ScopeGuard free_reply([reply] { freeReplyObject(reply); });
+  // Emptied on every path from here on. Emptying it after the round trip
+  // rather than before looks the same to the caller and keeps the heap from
+  // consolidating the freed entries while the reply is being read.
+  values.clear();
   if (reply == nullptr || reply->type != REDIS_REPLY_ARRAY) return false;
   for (size_t i = 0; i < reply->elements; ++i) {
     if (i >= keys.size()) return false;  // More answers than keys asked for.
     std::string value;
     if (!ElementValue(reply->element[i], allow_nil, &value)) return false;
-    values[keys[i]] = value;
+    values[keys[i]] = std::move(value);
   }
   return true;
 }
