@@ -192,6 +192,8 @@ class VELMORA_EXPORT FileKeyValue {
   bool ReadKeyValues(int table_size, const std::string& separator);
   // The value of `key`; "" when there is no such key or nothing was read.
   std::string Get(const std::string& key);
+  // True when the table holds `key` (whatever its value, an empty one too).
+  bool Contains(const std::string& key) const;
   // Sets or adds the pair in memory only. True on success.
   bool Update(const std::string& key, const std::string& value);
   // Replaces the existing file with the table (an empty file when nothing was

@@ -159,6 +159,38 @@ TEST_F(FileKeyValueTest, GetBeforeReadIsEmpty) {
   EXPECT_THAT(capture.Records(), IsEmpty());
 }
 
+TEST_F(FileKeyValueTest, ContainsTellsAnEmptyValueFromAMissingKey) {
+  const std::string path = dir_ / "a.conf";
+  ASSERT_TRUE(WriteFile(path, "a=1\nempty=\n"));
+  FileKeyValue kv(path);
+  EXPECT_FALSE(kv.Contains("a"));  // nothing read yet
+  ASSERT_TRUE(kv.ReadKeyValues(8, "="));
+  EXPECT_TRUE(kv.Contains("a"));
+  EXPECT_TRUE(kv.Contains("empty"));
+  EXPECT_EQ(kv.Get("empty"), "");
+  EXPECT_FALSE(kv.Contains("missing"));
+  EXPECT_EQ(kv.Get("missing"), "");
+  ASSERT_TRUE(kv.Update("missing", ""));
+  EXPECT_TRUE(kv.Contains("missing"));
+}
+
+TEST_F(FileKeyValueTest, AWriteDeniedInTheDirectoryLeavesErrnoAtEacces) {
+  // vtuser1 may read the file but not create the temporary file beside it.
+  ASSERT_EQ(chmod(dir_.path().c_str(), 0755), 0);
+  const std::string path = dir_ / "a.conf";
+  ASSERT_TRUE(WriteFile(path, "a=1\n", 0644));
+  int status = RunAs("vtuser1", [&] {
+    FileKeyValue kv(path);
+    if (!kv.ReadKeyValues(8, "=") || !kv.Update("a", "2")) return 10;
+    errno = 0;
+    if (kv.Write()) return 11;
+    return errno == EACCES ? 0 : 12;
+  });
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(ReadFile(path), "a=1\n");
+  EXPECT_THAT(ListDir(dir_.path()), ElementsAre("a.conf"));
+}
+
 TEST_F(FileKeyValueTest, ReadMissingFileFails) {
   const std::string path = dir_ / "a.conf";
   LogCapture capture;

@@ -37,6 +37,10 @@ bool FileKeyValue::ReadKeyValues(int table_size, const std::string& separator) {
   return true;
 }
 
+bool FileKeyValue::Contains(const std::string& key) const {
+  return table_ != nullptr && OLIBCSzHashGetValue(table_, key.c_str()) != nullptr;
+}
+
 std::string FileKeyValue::Get(const std::string& key) {
   if (table_ == nullptr) return std::string();
   const char* value = OLIBCSzHashGetValue(table_, key.c_str());

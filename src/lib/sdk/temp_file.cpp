@@ -51,9 +51,12 @@ TempFile::TempFile(const std::string& prefix) : valid_(false), fd_(-1), write_er
 
 TempFile::~TempFile() {
   // The name goes first, then the descriptor; after a successful MoveTo the
-  // name no longer exists and the unlink fails quietly.
+  // name no longer exists and the unlink fails quietly. errno is kept, so a
+  // caller that fails after a failed write still reports that write's error.
+  const int saved_errno = errno;
   if (!path_.empty()) unlink(path_.c_str());
   if (fd_ >= 0) close(fd_);
+  errno = saved_errno;
 }
 
 void TempFile::WriteLine(const std::string& line) {

@@ -1,0 +1,311 @@
+// quota, memcached: the quota store (Redis at 127.0.0.1:8506) and a
+// memcached server over TCP or a Unix socket.
+#include <cstdint>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <velmora/backend.h>
+#include <velmora/common.h>
+#include <velmora/memcached.h>
+
+#include "cli.h"
+
+namespace velmoractl {
+namespace {
+
+using velmora::backend::QuotaRedisClient;
+
+// The store's client, after a first connection proves the server is there
+// (its reads cannot tell an absent value from an unreachable server). The
+// connection goes back to the pool for the command itself.
+std::unique_ptr<QuotaRedisClient> ConnectQuota(Context& ctx) {
+  auto client = std::make_unique<QuotaRedisClient>();
+  redisContext* connection = client->AcquireContext();
+  if (connection == nullptr) {
+    Fail(ctx, kUnreachable, "cannot connect to the quota store at 127.0.0.1:8506");
+    return nullptr;
+  }
+  client->ReleaseContext(connection, true);
+  return client;
+}
+
+void PrintValue(const Context& ctx, const char* field, const std::string& user,
+                const std::string& value) {
+  if (ctx.json) {
+    Json::Value out(Json::objectValue);
+    out["user"] = user;
+    out[field] = value;
+    PrintJson(out);
+  } else {
+    std::cout << value << '\n';
+  }
+}
+
+void QuotaUsage(Context& ctx, const std::vector<std::string>& users) {
+  auto client = ConnectQuota(ctx);
+  if (!client) return;
+  const std::unordered_map<std::string, std::string> usage = client->ListUsage(users);
+  Json::Value out(Json::objectValue);
+  for (const std::string& user : users) {
+    auto it = usage.find(user);
+    const std::string value = it == usage.end() ? std::string() : it->second;
+    if (ctx.json) {
+      out[user] = value;
+    } else {
+      std::cout << user << '=' << value << '\n';
+    }
+  }
+  if (ctx.json) PrintJson(out);
+}
+
+// quota limit|warning get|set: the same shape for both numbers.
+void AddNumberCommands(CLI::App& quota, Context& ctx, const char* name, const char* what,
+                       bool warning) {
+  CLI::App* cmd = quota.add_subcommand(name, std::string("Read or store the ") + what);
+  cmd->require_subcommand(1);
+  auto user = std::make_shared<std::string>();
+  CLI::App* get = cmd->add_subcommand("get", std::string("Print the user's ") + what);
+  get->add_option("USER", *user, "User name")->required();
+  get->callback([&ctx, user, warning, name] {
+    auto client = ConnectQuota(ctx);
+    if (!client) return;
+    const std::string value =
+        warning ? client->GetUserdbQuotaWarning(*user) : client->GetUserdbQuotaLimit(*user);
+    PrintValue(ctx, name, *user, value);
+  });
+  auto set_user = std::make_shared<std::string>();
+  auto number = std::make_shared<unsigned long long>(0);
+  CLI::App* set = cmd->add_subcommand("set", std::string("Store the user's ") + what);
+  set->add_option("USER", *set_user, "User name")->required();
+  set->add_option("N", *number, "Unsigned number")->required()->check(CLI::NonNegativeNumber);
+  set->callback([&ctx, set_user, number, warning, name] {
+    auto client = ConnectQuota(ctx);
+    if (!client) return;
+    const bool ok = warning ? client->SetUserdbQuotaWarning(*set_user, *number)
+                            : client->SetUserdbQuotaLimit(*set_user, *number);
+    if (!ok) {
+      Fail(ctx, kFailed, std::string("cannot store the ") + name + " of '" + *set_user + "'");
+      return;
+    }
+    Verbose(ctx, std::string("quota ") + name + " " + *set_user + "=" + std::to_string(*number));
+  });
+}
+
+void AddQuotaCommands(CLI::App& app, Context& ctx) {
+  CLI::App* quota =
+      app.add_subcommand("quota", "Mailbox usage and per-user quota settings in the quota store");
+  quota->require_subcommand(1);
+
+  auto users = std::make_shared<std::vector<std::string>>();
+  CLI::App* usage = quota->add_subcommand("usage", "Print the storage usage of each user");
+  usage->add_option("USER", *users, "User name")->required();
+  usage->callback([&ctx, users] { QuotaUsage(ctx, *users); });
+
+  AddNumberCommands(*quota, ctx, "limit", "quota limit", false);
+  AddNumberCommands(*quota, ctx, "warning", "quota warning threshold", true);
+
+  CLI::App* attr = quota->add_subcommand("attr", "Read or store one attribute of a user");
+  attr->require_subcommand(1);
+  auto get_user = std::make_shared<std::string>();
+  auto get_attr = std::make_shared<std::string>();
+  CLI::App* attr_get = attr->add_subcommand("get", "Print the attribute's value");
+  attr_get->add_option("USER", *get_user, "User name")->required();
+  attr_get->add_option("ATTR", *get_attr, "Attribute name")->required();
+  attr_get->callback([&ctx, get_user, get_attr] {
+    auto client = ConnectQuota(ctx);
+    if (!client) return;
+    const auto values = client->GetUserdbAttr(*get_user, {*get_attr});
+    auto it = values.find(*get_attr);
+    const std::string value = it == values.end() ? std::string() : it->second;
+    if (ctx.json) {
+      Json::Value out(Json::objectValue);
+      out["user"] = *get_user;
+      out["attr"] = *get_attr;
+      out["value"] = value;
+      PrintJson(out);
+    } else {
+      std::cout << value << '\n';
+    }
+  });
+  auto set_user = std::make_shared<std::string>();
+  auto set_attr = std::make_shared<std::string>();
+  auto set_value = std::make_shared<std::string>();
+  CLI::App* attr_set = attr->add_subcommand("set", "Store the attribute's value");
+  attr_set->add_option("USER", *set_user, "User name")->required();
+  attr_set->add_option("ATTR", *set_attr, "Attribute name")->required();
+  attr_set->add_option("VALUE", *set_value, "Value")->required();
+  attr_set->callback([&ctx, set_user, set_attr, set_value] {
+    auto client = ConnectQuota(ctx);
+    if (!client) return;
+    if (!client->SetUserdbAttr(*set_user, *set_attr, *set_value)) {
+      Fail(ctx, kFailed, "cannot store the attribute '" + *set_attr + "' of '" + *set_user + "'");
+      return;
+    }
+    Verbose(ctx, "quota attr " + *set_user + " " + *set_attr + "=" + *set_value);
+  });
+
+  auto clear_users = std::make_shared<std::vector<std::string>>();
+  CLI::App* clear = quota->add_subcommand(
+      "clear-usage", "Remove the storage usage of these users, or all usage records");
+  clear->add_option("USER", *clear_users, "User name (none: every user, messages counts too)");
+  clear->callback([&ctx, clear_users] {
+    auto client = ConnectQuota(ctx);
+    if (!client) return;
+    const bool ok =
+        clear_users->empty() ? client->DeleteAllUsage() : client->DeleteUsage(*clear_users);
+    if (!ok) {
+      Fail(ctx, kFailed, "cannot clear the usage records");
+      return;
+    }
+    Verbose(ctx, clear_users->empty()
+                     ? std::string("quota usage cleared for every user")
+                     : "quota usage cleared for " + velmora::Join(*clear_users, std::string(" ")));
+  });
+}
+
+// ---- memcached ----
+
+struct MemcachedTarget {
+  std::string server;  // HOST:PORT
+  std::string socket;  // Unix socket path
+};
+
+bool IsConnectionError(memcached_return_t rc) {
+  switch (rc) {
+    case MEMCACHED_CONNECTION_FAILURE:
+    case MEMCACHED_CONNECTION_SOCKET_CREATE_FAILURE:
+    case MEMCACHED_HOST_LOOKUP_FAILURE:
+    case MEMCACHED_ERRNO:
+    case MEMCACHED_SERVER_MARKED_DEAD:
+    case MEMCACHED_SERVER_TEMPORARILY_DISABLED:
+    case MEMCACHED_TIMEOUT:
+    case MEMCACHED_UNKNOWN_READ_FAILURE:
+    case MEMCACHED_READ_FAILURE:
+    case MEMCACHED_WRITE_FAILURE:
+    case MEMCACHED_NO_SERVERS:
+    case MEMCACHED_CONNECTION_BIND_FAILURE:
+      return true;
+    default:
+      return false;
+  }
+}
+
+std::unique_ptr<velmora::sdk::Memcached> OpenMemcached(Context& ctx,
+                                                       const MemcachedTarget& target) {
+  if (!target.socket.empty()) return std::make_unique<velmora::sdk::Memcached>(target.socket);
+  const size_t colon = target.server.rfind(':');
+  uint64_t port = 0;
+  if (colon == std::string::npos || colon == 0 ||
+      !ParseUnsigned(target.server.substr(colon + 1), 65535, port) || port == 0) {
+    Fail(ctx, kUsage, "--server takes HOST:PORT, not '" + target.server + "'");
+    return nullptr;
+  }
+  return std::make_unique<velmora::sdk::Memcached>(target.server.substr(0, colon),
+                                                   static_cast<int>(port));
+}
+
+std::string Where(const MemcachedTarget& target) {
+  return target.socket.empty() ? target.server : target.socket;
+}
+
+// Reports a failed memcached call: not found, unreachable or other.
+void FailMemcached(Context& ctx, const velmora::sdk::Memcached& client,
+                   const MemcachedTarget& target, const std::string& key) {
+  const memcached_return_t rc = client.LastResult();
+  if (rc == MEMCACHED_NOTFOUND) {
+    Fail(ctx, kNotFound, "no item '" + key + "'");
+  } else if (IsConnectionError(rc)) {
+    Fail(ctx, kUnreachable,
+         "memcached at " + Where(target) + ": " + memcached_strerror(nullptr, rc));
+  } else if (rc == MEMCACHED_SUCCESS) {
+    Fail(ctx, kFailed, "memcached at " + Where(target) + " could not be used");
+  } else {
+    Fail(ctx, kFailed, "memcached: " + std::string(memcached_strerror(nullptr, rc)));
+  }
+}
+
+void AddMemcachedCommands(CLI::App& app, Context& ctx) {
+  auto target = std::make_shared<MemcachedTarget>();
+  CLI::App* mc =
+      app.add_subcommand("memcached", "Read, store or delete items of one memcached server");
+  CLI::Option* server =
+      mc->add_option("--server", target->server, "TCP server")->type_name("HOST:PORT");
+  CLI::Option* socket =
+      mc->add_option("--socket", target->socket, "Unix socket of the server")->type_name("PATH");
+  server->excludes(socket);
+  mc->require_option(1);
+  mc->require_subcommand(1);
+
+  auto get_key = std::make_shared<std::string>();
+  CLI::App* get = mc->add_subcommand("get", "Print the value of an item");
+  get->add_option("KEY", *get_key, "Item key")->required();
+  get->callback([&ctx, target, get_key] {
+    auto client = OpenMemcached(ctx, *target);
+    if (!client) return;
+    velmora::sdk::MemcachedData item;
+    item.flags = 0;
+    item.expiration = 0;
+    if (!client->Get(*get_key, item) || client->LastResult() != MEMCACHED_SUCCESS) {
+      FailMemcached(ctx, *client, *target, *get_key);
+      return;
+    }
+    if (ctx.json) {
+      Json::Value out(Json::objectValue);
+      out["key"] = *get_key;
+      out["value"] = item.value;
+      out["flags"] = item.flags;
+      PrintJson(out);
+    } else {
+      std::cout << item.value << '\n';
+    }
+  });
+
+  auto set_key = std::make_shared<std::string>();
+  auto set_value = std::make_shared<std::string>();
+  auto expire = std::make_shared<uint32_t>(0);
+  auto flags = std::make_shared<uint32_t>(0);
+  CLI::App* set = mc->add_subcommand("set", "Store an item");
+  set->add_option("KEY", *set_key, "Item key")->required();
+  set->add_option("VALUE", *set_value, "Value")->required();
+  set->add_option("--expire", *expire, "Seconds to live (0: never expires)")->type_name("S");
+  set->add_option("--flags", *flags, "Client flags stored with the item")->type_name("N");
+  set->callback([&ctx, target, set_key, set_value, expire, flags] {
+    auto client = OpenMemcached(ctx, *target);
+    if (!client) return;
+    velmora::sdk::MemcachedData item;
+    item.key = *set_key;
+    item.value = *set_value;
+    item.flags = *flags;
+    item.expiration = static_cast<time_t>(*expire);
+    if (!client->Set(item)) {
+      FailMemcached(ctx, *client, *target, *set_key);
+      return;
+    }
+    Verbose(ctx, "memcached set " + *set_key);
+  });
+
+  auto delete_key = std::make_shared<std::string>();
+  CLI::App* del = mc->add_subcommand("delete", "Delete an item");
+  del->add_option("KEY", *delete_key, "Item key")->required();
+  del->callback([&ctx, target, delete_key] {
+    auto client = OpenMemcached(ctx, *target);
+    if (!client) return;
+    if (!client->Delete(*delete_key)) {
+      FailMemcached(ctx, *client, *target, *delete_key);
+      return;
+    }
+    Verbose(ctx, "memcached delete " + *delete_key);
+  });
+}
+
+}  // namespace
+
+void AddStoreCommands(CLI::App& app, Context& ctx) {
+  AddQuotaCommands(app, ctx);
+  AddMemcachedCommands(app, ctx);
+}
+
+}  // namespace velmoractl
