@@ -97,8 +97,9 @@ class VELMORA_EXPORT Pop3Control {
 
   // Replaces the switch file with the two lines "true"/"false" and the period
   // (owner "Velmora-Server", mode 0644) and propagates it. True on success;
-  // false when the file could not be put in place (unchanged, logged) or the
-  // propagation failed (the new file stays).
+  // false when the file could not be put in place (unchanged; logged, except
+  // when the new file's lines could not be written, e.g. on a full disk) or
+  // the propagation failed (the new file stays).
   [[nodiscard]] bool SetPOP3Config(const record::GlobalPOP3Config& config) const;
 
   // Returns the uids of the uid list, ascending, duplicates collapsed; the

@@ -12,6 +12,8 @@
 #include <velmora/backend.h>
 #include <velmora/common.h>
 
+#include "lib/common/sigpipe_guard.h"
+
 namespace velmora {
 namespace backend {
 namespace {
@@ -77,7 +79,11 @@ redisContext* RedisClient::AcquireContext() {
 }
 
 bool RedisClient::IsContextReady(redisContext* ctx) {
-  redisReply* reply = static_cast<redisReply*>(redisCommand(ctx, "ping"));
+  redisReply* reply;
+  {
+    common::SigpipeGuard no_sigpipe;
+    reply = static_cast<redisReply*>(redisCommand(ctx, "ping"));
+  }
   ScopeGuard free_reply([reply] { freeReplyObject(reply); });
   return reply != nullptr && reply->type == REDIS_REPLY_STATUS && reply->str != nullptr &&
          strcasecmp(reply->str, "pong") == 0;
@@ -101,8 +107,12 @@ redisReply* RedisClient::ExecuteCmd(const std::string& cmd, const std::vector<st
   argv.push_back(cmd.c_str());
   for (const std::string& arg : args) argv.push_back(arg.c_str());
   // No length array: every argument is taken up to its first NUL byte.
-  redisReply* reply = static_cast<redisReply*>(
-      redisCommandArgv(ctx, static_cast<int>(argv.size()), argv.data(), nullptr));
+  redisReply* reply;
+  {
+    common::SigpipeGuard no_sigpipe;
+    reply = static_cast<redisReply*>(
+        redisCommandArgv(ctx, static_cast<int>(argv.size()), argv.data(), nullptr));
+  }
   // No reply means an I/O or protocol error, after which hiredis's context
   // is unusable: close it. Any reply, an error reply too, leaves it sound.
   ReleaseContext(ctx, reply != nullptr);
