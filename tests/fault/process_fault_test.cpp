@@ -87,6 +87,17 @@ pid_t HolderChild(const std::function<bool()>& take, int* ready_fd) {
   return pid;
 }
 
+// Reads the holder's report from `ready` (closing it): true when the child
+// said it holds its lock within 10 s.
+::testing::AssertionResult HolderHolds(int ready) {
+  char held = 0;
+  const bool got = ReadableWithin(ready, 10000) && read(ready, &held, 1) == 1;
+  close(ready);
+  if (got && held == 'y') return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure()
+         << (got ? "the holder could not take its lock" : "no report from the holder");
+}
+
 class ProcessFaultTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -129,10 +140,7 @@ TEST_F(ProcessFaultTest, FileLockOfAKilledHolderPassesToTheWaitingTaker) {
       },
       &holder_ready);
   ASSERT_GT(holder, 0);
-  char held = 0;
-  ASSERT_TRUE(ReadableWithin(holder_ready, 10000));
-  ASSERT_EQ(read(holder_ready, &held, 1), 1);
-  ASSERT_EQ(held, 'y');
+  ASSERT_TRUE(HolderHolds(holder_ready));
   ASSERT_TRUE(LockedByOther(path));
 
   // A second process waits in Lock() for the holder.
@@ -151,13 +159,13 @@ TEST_F(ProcessFaultTest, FileLockOfAKilledHolderPassesToTheWaitingTaker) {
   const auto killed = Clock::now();
   ASSERT_TRUE(ReadableWithin(taker_ready, 5000));
   EXPECT_LT(SecondsSince(killed), 1.0);
+  char held = 0;
   ASSERT_EQ(read(taker_ready, &held, 1), 1);
   EXPECT_EQ(held, 'y');
   EXPECT_TRUE(LockedByOther(path));
   Kill(taker);
   EXPECT_FALSE(LockedByOther(path));
   EXPECT_THAT(capture.Records(), IsEmpty());
-  close(holder_ready);
   close(taker_ready);
 }
 
@@ -171,11 +179,7 @@ TEST_F(ProcessFaultTest, GuardOfAKilledHolderIsTakenAtTheFirstAttempt) {
       },
       &ready);
   ASSERT_GT(holder, 0);
-  char held = 0;
-  ASSERT_TRUE(ReadableWithin(ready, 10000));
-  ASSERT_EQ(read(ready, &held, 1), 1);
-  ASSERT_EQ(held, 'y');
-  close(ready);
+  ASSERT_TRUE(HolderHolds(ready));
   ASSERT_TRUE(LockedByOther(path));
   Kill(holder);
   LogCapture capture;
@@ -199,11 +203,7 @@ TEST_F(ProcessFaultTest, PopEntryPointRunsAfterTheKilledHolderOfItsLock) {
       },
       &ready);
   ASSERT_GT(holder, 0);
-  char held = 0;
-  ASSERT_TRUE(ReadableWithin(ready, 10000));
-  ASSERT_EQ(read(ready, &held, 1), 1);
-  ASSERT_EQ(held, 'y');
-  close(ready);
+  ASSERT_TRUE(HolderHolds(ready));
   Kill(holder);
   LogCapture capture;
   const auto start = Clock::now();
