@@ -83,6 +83,7 @@ bool RedisClient::IsContextReady(redisContext* ctx) {
   {
     common::SigpipeGuard no_sigpipe;
     reply = static_cast<redisReply*>(redisCommand(ctx, "ping"));
+    if (reply == nullptr) common::SigpipeGuard::WriteFailed();
   }
   ScopeGuard free_reply([reply] { freeReplyObject(reply); });
   return reply != nullptr && reply->type == REDIS_REPLY_STATUS && reply->str != nullptr &&
@@ -100,6 +101,8 @@ void RedisClient::ReleaseContext(redisContext* ctx, bool reuse) {
 }
 
 redisReply* RedisClient::ExecuteCmd(const std::string& cmd, const std::vector<std::string>& args) {
+  // One guard for the connection check and the command.
+  common::SigpipeGuard no_sigpipe;
   redisContext* ctx = AcquireContext();
   if (ctx == nullptr) return nullptr;
   std::vector<const char*> argv;
@@ -107,12 +110,9 @@ redisReply* RedisClient::ExecuteCmd(const std::string& cmd, const std::vector<st
   argv.push_back(cmd.c_str());
   for (const std::string& arg : args) argv.push_back(arg.c_str());
   // No length array: every argument is taken up to its first NUL byte.
-  redisReply* reply;
-  {
-    common::SigpipeGuard no_sigpipe;
-    reply = static_cast<redisReply*>(
-        redisCommandArgv(ctx, static_cast<int>(argv.size()), argv.data(), nullptr));
-  }
+  redisReply* reply = static_cast<redisReply*>(
+      redisCommandArgv(ctx, static_cast<int>(argv.size()), argv.data(), nullptr));
+  if (reply == nullptr) common::SigpipeGuard::WriteFailed();
   // No reply means an I/O or protocol error, after which hiredis's context
   // is unusable: close it. Any reply, an error reply too, leaves it sound.
   ReleaseContext(ctx, reply != nullptr);

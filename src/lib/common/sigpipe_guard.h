@@ -13,33 +13,31 @@
 namespace velmora {
 namespace common {
 
-// Blocks SIGPIPE in the calling thread for its scope. A SIGPIPE raised for
-// this thread inside the scope is taken back before the old mask returns, so
-// it is never delivered; one that was already pending before, or any when
-// the caller had SIGPIPE blocked already, is left alone. errno is kept.
+// Blocks SIGPIPE in the calling thread for its scope. Guards nest: only the
+// outermost one changes the mask (two system calls in all), so one command
+// with its connection check pays for one pair. After a write that failed,
+// WriteFailed() marks the scope, and the outermost guard then takes back
+// the SIGPIPE that write raised before it unblocks, so it is never
+// delivered. A SIGPIPE pending before the guard was made would already have
+// been delivered (it was not blocked), so what is found was raised inside.
+// When the caller had SIGPIPE blocked already, nothing is changed or taken.
+// errno is kept.
 class SigpipeGuard {
  public:
   SigpipeGuard() {
+    if (depth_++ > 0) return;
+    failed_ = false;
     sigemptyset(&pipe_);
     sigaddset(&pipe_, SIGPIPE);
     sigset_t old;
-    if (pthread_sigmask(SIG_BLOCK, &pipe_, &old) != 0 || sigismember(&old, SIGPIPE) == 1) return;
-    sigset_t pending;
-    sigemptyset(&pending);
-    sigpending(&pending);
-    pending_before_ = sigismember(&pending, SIGPIPE) == 1;
-    restore_ = true;
+    restore_ = pthread_sigmask(SIG_BLOCK, &pipe_, &old) == 0 && sigismember(&old, SIGPIPE) == 0;
   }
   ~SigpipeGuard() {
-    if (!restore_) return;
+    if (--depth_ > 0 || !restore_) return;
     const int saved_errno = errno;
-    if (!pending_before_) {
-      sigset_t pending;
-      sigemptyset(&pending);
-      if (sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1) {
-        const struct timespec now = {0, 0};
-        while (sigtimedwait(&pipe_, nullptr, &now) == SIGPIPE) {
-        }
+    if (failed_) {
+      const struct timespec now = {0, 0};
+      while (sigtimedwait(&pipe_, nullptr, &now) == SIGPIPE) {
       }
     }
     pthread_sigmask(SIG_UNBLOCK, &pipe_, nullptr);
@@ -48,11 +46,18 @@ class SigpipeGuard {
   SigpipeGuard(const SigpipeGuard&) = delete;
   SigpipeGuard& operator=(const SigpipeGuard&) = delete;
 
+  // Notes that a guarded write may have failed (and raised SIGPIPE).
+  static void WriteFailed() { failed_ = true; }
+
  private:
   sigset_t pipe_;
-  bool pending_before_ = false;
-  bool restore_ = false;  // SIGPIPE was unblocked on entry
+  bool restore_ = false;  // this guard blocked SIGPIPE and unblocks it
+  static thread_local int depth_;
+  static thread_local bool failed_;
 };
+
+inline thread_local int SigpipeGuard::depth_ = 0;
+inline thread_local bool SigpipeGuard::failed_ = false;
 
 }  // namespace common
 }  // namespace velmora
