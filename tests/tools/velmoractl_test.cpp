@@ -20,6 +20,7 @@
 #include <json/json.h>
 
 #include <velmora/velmora.h>
+#include "backend/redis_test_util.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 #include "settings/settings_test_util.h"
@@ -540,9 +541,8 @@ TEST(VelmoractlUser, NameAndUid) {
 class VelmoractlQuota : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    server_ = new ServerProcess({REDIS_SERVER_PATH, "--port", "8506", "--bind", "127.0.0.1",
-                                 "--save", "", "--appendonly", "no", "--daemonize", "no"},
-                                [] { return CanConnectTcp("127.0.0.1", 8506); });
+    server_ = new ServerProcess(redis_test::RedisServerCommand(),
+                                [] { return CanConnectTcp(redis_test::kHost, redis_test::kPort); });
   }
   static void TearDownTestSuite() {
     delete server_;
@@ -550,31 +550,11 @@ class VelmoractlQuota : public ::testing::Test {
   }
   void SetUp() override {
     ASSERT_TRUE(server_->Start());
-    Command("FLUSHALL");
-  }
-  // One command over a connection of the test's own.
-  static std::string Command(const std::string& command) {
-    redisContext* c = redisConnect("127.0.0.1", 8506);
-    if (c == nullptr || c->err) {
-      if (c != nullptr) redisFree(c);
-      return "(no connection)";
-    }
-    redisReply* reply = static_cast<redisReply*>(redisCommand(c, command.c_str()));
-    std::string text;
-    if (reply == nullptr) {
-      text = "(no reply)";
-    } else if (reply->type == REDIS_REPLY_STRING || reply->type == REDIS_REPLY_STATUS) {
-      text.assign(reply->str, reply->len);
-    } else if (reply->type == REDIS_REPLY_NIL) {
-      text = "(nil)";
-    } else if (reply->type == REDIS_REPLY_INTEGER) {
-      text = std::to_string(reply->integer);
-    }
-    if (reply != nullptr) freeReplyObject(reply);
-    redisFree(c);
-    return text;
+    ASSERT_TRUE(raw_.Connect());
+    ASSERT_TRUE(raw_.Reset());
   }
   static ServerProcess* server_;
+  redis_test::RawRedis raw_;  // the test's own connection
 };
 ServerProcess* VelmoractlQuota::server_ = nullptr;
 
@@ -582,7 +562,7 @@ TEST_F(VelmoractlQuota, LimitWarningAndAttrRoundTrip) {
   Result set = Tool({"quota", "limit", "set", "alice", "1073741824"});
   EXPECT_EQ(set.status, 0) << set.err;
   EXPECT_EQ(set.out, "");
-  EXPECT_EQ(Command("GET userdb/alice/quota"), "1073741824");
+  EXPECT_EQ(raw_.Get("userdb/alice/quota"), "1073741824");
   Result get = Tool({"quota", "limit", "get", "alice"});
   EXPECT_EQ(get.status, 0);
   EXPECT_EQ(get.out, "1073741824\n");
@@ -593,11 +573,11 @@ TEST_F(VelmoractlQuota, LimitWarningAndAttrRoundTrip) {
   Result warn = Tool({"-v", "quota", "warning", "set", "alice", "90"});
   EXPECT_EQ(warn.status, 0);
   EXPECT_EQ(warn.out, "quota warning alice=90\n");
-  EXPECT_EQ(Command("GET userdb/alice/quota_warning"), "90");
+  EXPECT_EQ(raw_.Get("userdb/alice/quota_warning"), "90");
   EXPECT_EQ(Tool({"quota", "warning", "get", "alice"}).out, "90\n");
 
   EXPECT_EQ(Tool({"quota", "attr", "set", "alice", "lang", "fr"}).status, 0);
-  EXPECT_EQ(Command("GET userdb/alice/lang"), "fr");
+  EXPECT_EQ(raw_.Get("userdb/alice/lang"), "fr");
   EXPECT_EQ(Tool({"quota", "attr", "get", "alice", "lang"}).out, "fr\n");
   // An absent value prints as an empty line.
   Result absent = Tool({"quota", "attr", "get", "alice", "nothing"});
@@ -606,9 +586,9 @@ TEST_F(VelmoractlQuota, LimitWarningAndAttrRoundTrip) {
 }
 
 TEST_F(VelmoractlQuota, UsageAndClearUsage) {
-  Command("SET alice/quota/storage 100");
-  Command("SET alice/quota/messages 7");
-  Command("SET bob/quota/storage 200");
+  ASSERT_TRUE(raw_.Put("alice/quota/storage", "100"));
+  ASSERT_TRUE(raw_.Put("alice/quota/messages", "7"));
+  ASSERT_TRUE(raw_.Put("bob/quota/storage", "200"));
   Result usage = Tool({"quota", "usage", "alice", "bob", "carol"});
   EXPECT_EQ(usage.status, 0);
   EXPECT_EQ(usage.out, "alice=100\nbob=200\ncarol=\n");
@@ -616,12 +596,12 @@ TEST_F(VelmoractlQuota, UsageAndClearUsage) {
   EXPECT_EQ(v["alice"].asString(), "100");
 
   EXPECT_EQ(Tool({"quota", "clear-usage", "alice"}).status, 0);
-  EXPECT_EQ(Command("GET alice/quota/storage"), "(nil)");
-  EXPECT_EQ(Command("GET alice/quota/messages"), "7");
-  EXPECT_EQ(Command("GET bob/quota/storage"), "200");
+  EXPECT_EQ(raw_.Get("alice/quota/storage"), "<nil>");
+  EXPECT_EQ(raw_.Get("alice/quota/messages"), "7");
+  EXPECT_EQ(raw_.Get("bob/quota/storage"), "200");
   EXPECT_EQ(Tool({"quota", "clear-usage"}).status, 0);
-  EXPECT_EQ(Command("GET bob/quota/storage"), "(nil)");
-  EXPECT_EQ(Command("GET alice/quota/messages"), "(nil)");
+  EXPECT_EQ(raw_.Get("bob/quota/storage"), "<nil>");
+  EXPECT_EQ(raw_.Get("alice/quota/messages"), "<nil>");
 }
 
 TEST_F(VelmoractlQuota, AnUnreachableStoreExitsFour) {
