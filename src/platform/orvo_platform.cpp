@@ -289,8 +289,8 @@ int OLIBCExecl(const char* path, int flags, ...) {
     got = waitpid(pid, &status, 0);
   } while (got < 0 && errno == EINTR);
   if (got != pid) return -1;
-  if (WIFEXITED(status)) return WEXITSTATUS(status) == 0 ? 0 : -2;
-  return -3;
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  return -2;
 }
 
 int OLIBCProcForkChildNoWait(void) {

@@ -69,9 +69,12 @@ void ORVOUserFree(ORVOUSER* user);
 int OLIBUserRealNameGet(const char* name, char* buf, int size);
 
 /* Runs the program `path` with the NULL-terminated arguments that follow
- * `flags` (argv[0] is `path`; no shell) and waits for it. 0 when it exited
- * with status 0; -1 when it could not be started, -2 on a non-zero exit
- * status, -3 when a signal ended it. The flag bits are accepted and unused. */
+ * `flags` (argv[0] is `path`; no shell) and waits for it. Returns the
+ * program's exit status (0 to 255) when it ran and exited, whatever that
+ * status; -1 when it could not be started or waited for, -2 when a signal
+ * ended it. So a result of 0 or more means the program ran to its end; what
+ * a non-zero status means is the program's business. The flag bits are
+ * accepted and unused. */
 int OLIBCExecl(const char* path, int flags, ...);
 
 /* Forks a child that nobody has to wait for. -1 on failure, 0 in the child,

@@ -485,19 +485,29 @@ TEST_F(PlatformTest, ExeclWaitsForProgram) {
   EXPECT_EQ(errno, ECHILD);
 }
 
-TEST_F(PlatformTest, ExeclReportsExitStatus) {
+TEST_F(PlatformTest, ExeclReturnsTheExitStatus) {
   EXPECT_EQ(OLIBCExecl("/bin/sh", 0, "-c", "exit 0", static_cast<char*>(nullptr)), 0);
-  const int failed = OLIBCExecl("/bin/sh", 0, "-c", "exit 3", static_cast<char*>(nullptr));
-  EXPECT_LT(failed, 0);
-  EXPECT_EQ(failed, -2);
-  EXPECT_EQ(OLIBCExecl("/bin/false", 0, static_cast<char*>(nullptr)), -2);
+  EXPECT_EQ(OLIBCExecl("/bin/sh", 0, "-c", "exit 1", static_cast<char*>(nullptr)), 1);
+  EXPECT_EQ(OLIBCExecl("/bin/sh", 0, "-c", "exit 3", static_cast<char*>(nullptr)), 3);
+  EXPECT_EQ(OLIBCExecl("/bin/sh", 0, "-c", "exit 6", static_cast<char*>(nullptr)), 6);
+  EXPECT_EQ(OLIBCExecl("/bin/sh", 0, "-c", "exit 128", static_cast<char*>(nullptr)), 128);
+  EXPECT_EQ(OLIBCExecl("/bin/sh", 0, "-c", "exit 255", static_cast<char*>(nullptr)), 255);
+  // Only the low eight bits of a status survive the exit.
+  EXPECT_EQ(OLIBCExecl("/bin/sh", 0, "-c", "exit 257", static_cast<char*>(nullptr)), 1);
+  EXPECT_EQ(OLIBCExecl("/bin/false", 0, static_cast<char*>(nullptr)), 1);
+  EXPECT_EQ(OLIBCExecl("/bin/true", 0, static_cast<char*>(nullptr)), 0);
 }
 
 TEST_F(PlatformTest, ExeclReportsDeathBySignal) {
   const int killed = OLIBCExecl("/bin/sh", 0, "-c", "kill -KILL $$", static_cast<char*>(nullptr));
   EXPECT_LT(killed, 0);
-  EXPECT_EQ(killed, -3);
-  EXPECT_EQ(OLIBCExecl("/bin/sh", 0, "-c", "kill -TERM $$", static_cast<char*>(nullptr)), -3);
+  EXPECT_EQ(killed, -2);
+  EXPECT_EQ(OLIBCExecl("/bin/sh", 0, "-c", "kill -TERM $$", static_cast<char*>(nullptr)), -2);
+  // A signal number is not mistaken for an exit status.
+  EXPECT_EQ(OLIBCExecl("/bin/sh", 0, "-c", "kill -HUP $$", static_cast<char*>(nullptr)), -2);
+  errno = 0;
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
 }
 
 TEST_F(PlatformTest, ExeclOfMissingOrNonExecutableProgramFails) {
@@ -508,9 +518,35 @@ TEST_F(PlatformTest, ExeclOfMissingOrNonExecutableProgramFails) {
   const std::string plain = dir_ / "plain";
   ASSERT_TRUE(WriteFile(plain, "#!/bin/sh\nexit 0\n", 0644));
   EXPECT_EQ(OLIBCExecl(plain.c_str(), 0, static_cast<char*>(nullptr)), -1);
+  // A directory is no program either.
+  EXPECT_EQ(OLIBCExecl(dir_.path().c_str(), 0, static_cast<char*>(nullptr)), -1);
+  EXPECT_EQ(OLIBCExecl(nullptr, 0, static_cast<char*>(nullptr)), -1);
   errno = 0;
   EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
   EXPECT_EQ(errno, ECHILD);
+}
+
+TEST_F(PlatformTest, ExeclThatCannotWaitFails) {
+  // With SA_NOCLDWAIT the system reaps the program itself, so the wait
+  // finds no child to report on: the program ran, its status is lost.
+  const std::string out = dir_ / "ran";
+  const std::string script = "echo ran > '" + out + "'; exit 0";
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    struct sigaction action {};
+    action.sa_handler = SIG_DFL;
+    action.sa_flags = SA_NOCLDWAIT;
+    sigemptyset(&action.sa_mask);
+    if (sigaction(SIGCHLD, &action, nullptr) != 0) _exit(64);
+    const int rc = OLIBCExecl("/bin/sh", 0, "-c", script.c_str(), static_cast<char*>(nullptr));
+    _exit(rc == -1 ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(ReadFile(out), "ran\n");
 }
 
 TEST_F(PlatformTest, ForkChildNoWaitLeavesNoZombie) {

@@ -326,12 +326,39 @@ TEST_F(ClientSettingsTest, SetWhenWriteFailsLogsOnlyTheKeyValueFileLine) {
 }
 
 TEST_F(ClientSettingsTest, SetWhenPropagationFailsReturnsFalseWithFileWritten) {
-  ASSERT_TRUE(WriteFile(kBackendFailFlag, ""));
+  ASSERT_TRUE(WriteFile(kBackendFailFlag, ""));  // killed by SIGKILL
   LogCapture capture;
   EXPECT_FALSE(settings::SetVelmoraConfig(Defaults()));
   EXPECT_EQ(ReadFile(kClientConf), kAllKeysDefaultText);
   EXPECT_THAT(BackendCalls(), ElementsAre(SyncCall(kClientConf)));
   EXPECT_THAT(capture.Records(), IsEmpty());
+}
+
+TEST_F(ClientSettingsTest, SetWhenPropagationCannotRunReturnsFalseWithFileWritten) {
+  ASSERT_EQ(chmod(kBackend, 0644), 0);
+  LogCapture capture;
+  EXPECT_FALSE(settings::SetVelmoraConfig(Defaults()));
+  EXPECT_EQ(ReadFile(kClientConf), kAllKeysDefaultText);
+  ASSERT_EQ(unlink(kBackend), 0);
+  EXPECT_FALSE(settings::SetVelmoraConfig(Defaults()));
+  EXPECT_EQ(ReadFile(kClientConf), kAllKeysDefaultText);
+  EXPECT_THAT(BackendCalls(), IsEmpty());
+  EXPECT_THAT(capture.Records(), IsEmpty());
+}
+
+TEST_F(ClientSettingsTest, SetCountsAnyExitStatusOfThePropagationAsDone) {
+  for (int status : {1, 6, 255}) {
+    SCOPED_TRACE(status);
+    ASSERT_TRUE(WriteFile(kBackendCalls, "", 0666));
+    ASSERT_TRUE(SetStandInExitStatus(kBackendStatusFile, status));
+    VelmoraConfig config = Defaults();
+    config.disable_pgp = status == 6;
+    LogCapture capture;
+    EXPECT_TRUE(settings::SetVelmoraConfig(config));
+    EXPECT_EQ(settings::GetVelmoraConfig().disable_pgp, status == 6);
+    EXPECT_THAT(BackendCalls(), ElementsAre(SyncCall(kClientConf)));
+    EXPECT_THAT(capture.Records(), IsEmpty());
+  }
 }
 
 TEST_F(ClientSettingsTest, MissingLogoGivesVersionZero) {

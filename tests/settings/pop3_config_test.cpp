@@ -279,12 +279,40 @@ TEST_F(Pop3ConfigTest, SetWithoutTheAccountLogsAndLeavesTheFile) {
 
 TEST_F(Pop3ConfigTest, SetWhenPropagationFailsKeepsTheNewFile) {
   Pop3Control control("vt");
-  ASSERT_TRUE(WriteFile(kBackendFailFlag, ""));
+  ASSERT_TRUE(WriteFile(kBackendFailFlag, ""));  // killed by SIGKILL
   LogCapture capture;
   EXPECT_FALSE(control.SetPOP3Config({true, 7}));
   EXPECT_EQ(ReadFile(kSwitchFile), "true\n7\n");
   EXPECT_THAT(BackendCalls(), ElementsAre(SyncCall(kSwitchFile)));
   EXPECT_THAT(capture.Records(), IsEmpty());
+}
+
+TEST_F(Pop3ConfigTest, SetWhenPropagationCannotRunKeepsTheNewFile) {
+  Pop3Control control("vt");
+  ASSERT_EQ(chmod(kBackend, 0644), 0);
+  LogCapture capture;
+  EXPECT_FALSE(control.SetPOP3Config({true, 8}));
+  EXPECT_EQ(ReadFile(kSwitchFile), "true\n8\n");
+  ASSERT_EQ(unlink(kBackend), 0);
+  EXPECT_FALSE(control.SetPOP3Config({false, 9}));
+  EXPECT_EQ(ReadFile(kSwitchFile), "false\n9\n");
+  EXPECT_THAT(BackendCalls(), IsEmpty());
+  EXPECT_THAT(capture.Records(), IsEmpty());
+}
+
+TEST_F(Pop3ConfigTest, SetCountsAnyExitStatusOfThePropagationAsDone) {
+  Pop3Control control("vt");
+  for (int status : {1, 6, 255}) {
+    SCOPED_TRACE(status);
+    ASSERT_TRUE(WriteFile(kBackendCalls, "", 0666));
+    ASSERT_TRUE(SetStandInExitStatus(kBackendStatusFile, status));
+    LogCapture capture;
+    EXPECT_TRUE(control.SetPOP3Config({status != 6, static_cast<uint32_t>(status)}));
+    EXPECT_EQ(ReadFile(kSwitchFile),
+              std::string(status != 6 ? "true" : "false") + "\n" + std::to_string(status) + "\n");
+    EXPECT_THAT(BackendCalls(), ElementsAre(SyncCall(kSwitchFile)));
+    EXPECT_THAT(capture.Records(), IsEmpty());
+  }
 }
 
 TEST_F(Pop3ConfigTest, UidListReadsNumbersUntilTheFirstBadToken) {

@@ -201,7 +201,7 @@ TEST_F(Pop3DaemonTest, StopWhenTheIdentityCannotChangeLogsTheUid) {
 
 TEST_F(Pop3DaemonTest, AFailingFetchmailIsOnlyLogged) {
   MakeUserFiles(kUser1, kUser1);
-  ASSERT_TRUE(WriteFile(kFetchmailFailFlag, ""));
+  ASSERT_TRUE(WriteFile(kFetchmailFailFlag, ""));  // killed by SIGKILL
   LogCapture capture;
   EXPECT_TRUE(control_.DownPrivilegeFork(kUser1, Pop3Control::ACTION_START, 600));
   EXPECT_TRUE(control_.DownPrivilegeFork(kUser1, Pop3Control::ACTION_STOP, 0));
@@ -209,6 +209,56 @@ TEST_F(Pop3DaemonTest, AFailingFetchmailIsOnlyLogged) {
               ElementsAre(StartCall(Dir(kUser1), kUser1, kUser1), StopCall(Dir(kUser1), kUser1)));
   EXPECT_THAT(capture.Records(), ElementsAre(Err("Start POP3Daemon for user(61001) error"),
                                              Err("Stop POP3Daemon for user(61001) error")));
+}
+
+TEST_F(Pop3DaemonTest, AFetchmailThatCannotBeRunIsOnlyLogged) {
+  MakeUserFiles(kUser1, kUser1);
+  ASSERT_EQ(chmod(kFetchmail, 0644), 0);  // there, but not a program
+  LogCapture capture;
+  EXPECT_TRUE(control_.DownPrivilegeFork(kUser1, Pop3Control::ACTION_START, 600));
+  EXPECT_TRUE(control_.DownPrivilegeFork(kUser1, Pop3Control::ACTION_STOP, 0));
+  EXPECT_THAT(FetchmailCalls(), IsEmpty());
+  EXPECT_EQ(ReadFile(Rc(kUser1)), WithInterval(600));  // rewritten before the run
+  EXPECT_THAT(capture.Records(), ElementsAre(Err("Start POP3Daemon for user(61001) error"),
+                                             Err("Stop POP3Daemon for user(61001) error")));
+}
+
+TEST_F(Pop3DaemonTest, AFetchmailThatExitsWithAStatusRanAndIsNoFailure) {
+  // fetchmail --quit ends with status 1 ("no mail") after a successful stop;
+  // any status it exits with means it ran.
+  MakeUserFiles(kUser1, kUser1);
+  for (int status : {1, 6, 255}) {
+    SCOPED_TRACE(status);
+    ASSERT_TRUE(WriteFile(kFetchmailCalls, "", 0666));
+    ASSERT_TRUE(SetStandInExitStatus(kFetchmailStatusFile, status));
+    LogCapture capture;
+    EXPECT_TRUE(control_.DownPrivilegeFork(kUser1, Pop3Control::ACTION_START, 600));
+    EXPECT_TRUE(control_.DownPrivilegeFork(kUser1, Pop3Control::ACTION_STOP, 0));
+    EXPECT_THAT(FetchmailCalls(),
+                ElementsAre(StartCall(Dir(kUser1), kUser1, kUser1), StopCall(Dir(kUser1), kUser1)));
+    EXPECT_THAT(capture.Records(), IsEmpty());
+  }
+}
+
+TEST_F(Pop3DaemonTest, EntryPointsCountAFetchmailExitStatusAsRun) {
+  MakeUserFiles(kUser1, kUser1);
+  MakeUserFiles(kUser2, kUser2);
+  WriteSwitch("true\n5\n");
+  ASSERT_TRUE(SetStandInExitStatus(kFetchmailStatusFile, 1));
+  LogCapture capture;
+  EXPECT_TRUE(control_.ForceStart({kUser1, kUser2}));
+  EXPECT_EQ(ReadFile(kUidList), "61001\n61002\n");
+  EXPECT_TRUE(control_.UidListStop());
+  EXPECT_TRUE(control_.UidListStart());
+  EXPECT_TRUE(control_.ForceStop({kUser2}));
+  EXPECT_EQ(ReadFile(kUidList), "61001\n");
+  EXPECT_THAT(FetchmailCalls(),
+              ElementsAre(StartCall(Dir(kUser1), kUser1, kUser1),
+                          StartCall(Dir(kUser2), kUser2, kUser2), StopCall(Dir(kUser1), kUser1),
+                          StopCall(Dir(kUser2), kUser2), StartCall(Dir(kUser1), kUser1, kUser1),
+                          StartCall(Dir(kUser2), kUser2, kUser2), StopCall(Dir(kUser2), kUser2)));
+  EXPECT_THAT(BackendCalls(), ElementsAre(SyncCall(kUidList), SyncCall(kUidList)));
+  EXPECT_THAT(capture.Records(), IsEmpty());
 }
 
 TEST_F(Pop3DaemonTest, AFailedForkIsLoggedAndReported) {
@@ -501,6 +551,54 @@ TEST_F(Pop3DaemonTest, ForceStopWhenPropagationFailsReturnsFalseWithTheListWritt
   EXPECT_THAT(capture.Records(), IsEmpty());
 }
 
+TEST_F(Pop3DaemonTest, PropagationThatExitsWithAStatusCountsAsDone) {
+  MakeUserFiles(kUser1, kUser1);
+  MakeUserFiles(kUser2, kUser2);
+  WriteSwitch("true\n5\n");
+  LogCapture capture;
+  ASSERT_TRUE(SetStandInExitStatus(kBackendStatusFile, 1));
+  EXPECT_TRUE(control_.ForceStart({kUser1}));
+  EXPECT_EQ(ReadFile(kUidList), "61001\n");
+  ASSERT_TRUE(SetStandInExitStatus(kBackendStatusFile, 6));
+  std::set<uint32_t> tracked{kUser1};
+  EXPECT_TRUE(control_.TrackStart({kUser2}, tracked, 300));
+  EXPECT_EQ(tracked, (std::set<uint32_t>{kUser1, kUser2}));
+  EXPECT_EQ(ReadFile(kUidList), "61001\n61002\n");
+  EXPECT_TRUE(control_.TrackStop({kUser1}, tracked));
+  EXPECT_EQ(tracked, (std::set<uint32_t>{kUser2}));
+  EXPECT_EQ(ReadFile(kUidList), "61002\n");
+  ASSERT_TRUE(SetStandInExitStatus(kBackendStatusFile, 1));
+  EXPECT_TRUE(control_.ForceStop({kUser2}));
+  EXPECT_EQ(ReadFile(kUidList), "");
+  EXPECT_THAT(BackendCalls(), ElementsAre(SyncCall(kUidList), SyncCall(kUidList),
+                                          SyncCall(kUidList), SyncCall(kUidList)));
+  EXPECT_THAT(
+      FetchmailCalls(),
+      ElementsAre(StartCall(Dir(kUser1), kUser1, kUser1), StartCall(Dir(kUser2), kUser2, kUser2),
+                  StopCall(Dir(kUser1), kUser1), StopCall(Dir(kUser2), kUser2)));
+  EXPECT_THAT(capture.Records(), IsEmpty());
+}
+
+TEST_F(Pop3DaemonTest, PropagationThatCannotBeRunFailsTheEntryPoints) {
+  MakeUserFiles(kUser1, kUser1);
+  WriteSwitch("true\n5\n");
+  ASSERT_EQ(chmod(kBackend, 0644), 0);
+  LogCapture capture;
+  EXPECT_FALSE(control_.ForceStart({kUser1}));
+  EXPECT_EQ(ReadFile(kUidList), "61001\n");
+  EXPECT_FALSE(control_.ForceStop({kUser1}));
+  EXPECT_EQ(ReadFile(kUidList), "");
+  ASSERT_EQ(unlink(kBackend), 0);
+  std::set<uint32_t> tracked;
+  EXPECT_FALSE(control_.TrackStart({kUser1}, tracked, 60));
+  EXPECT_EQ(ReadFile(kUidList), "61001\n");
+  EXPECT_FALSE(control_.TrackStop({kUser1}, tracked));
+  EXPECT_EQ(ReadFile(kUidList), "");
+  EXPECT_THAT(BackendCalls(), IsEmpty());
+  EXPECT_EQ(FetchmailCalls().size(), 4u);
+  EXPECT_THAT(capture.Records(), IsEmpty());
+}
+
 TEST_F(Pop3DaemonTest, TrackStartAndTrackStopKeepTheTrackedSet) {
   MakeUserFiles(kUser1, kUser1);
   MakeUserFiles(kUser2, kUser2);
@@ -678,6 +776,22 @@ TEST_F(Pop3DaemonTest, SetThenRestartWhenPropagationFailsLogsAndFails) {
   EXPECT_FALSE(control_.SetThenRestart({true, 10}));
   EXPECT_EQ(ReadFile(kSwitchFile), "true\n10\n");  // already in place
   EXPECT_THAT(capture.Records(), ElementsAre(Err("Refresh pop3 global config fail")));
+}
+
+TEST_F(Pop3DaemonTest, SetThenRestartCountsAPropagationExitStatusAsDone) {
+  MakeUserFiles(kUser1, kUser1);
+  WriteSwitch("true\n5\n");
+  WriteUidList("61001\n");
+  ASSERT_TRUE(SetStandInExitStatus(kBackendStatusFile, 1));
+  LogCapture capture;
+  EXPECT_TRUE(control_.SetThenRestart({true, 4}));
+  ASSERT_TRUE(WaitForDetachedCopies());
+  EXPECT_EQ(ReadFile(kSwitchFile), "true\n4\n");
+  EXPECT_THAT(BackendCalls(), ElementsAre(SyncCall(kSwitchFile)));
+  EXPECT_THAT(FetchmailCalls(),
+              ElementsAre(StopCall(Dir(kUser1), kUser1), StartCall(Dir(kUser1), kUser1, kUser1)));
+  EXPECT_EQ(ReadFile(Rc(kUser1)), WithInterval(240));
+  EXPECT_THAT(capture.Records(), IsEmpty());
 }
 
 TEST_F(Pop3DaemonTest, SetThenRestartWhenTheForkFailsLogsAndFails) {

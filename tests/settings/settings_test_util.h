@@ -77,9 +77,18 @@ constexpr char kSpool[] = "/var/spool/mail";
 // Where the stand-ins record their calls; any user may append.
 constexpr char kRecordDir[] = "/var/tmp/velmora-standin";
 constexpr char kBackendCalls[] = "/var/tmp/velmora-standin/backend.calls";
+// While a fail flag exists, its stand-in kills itself with SIGKILL after
+// recording its call: the run cannot end in an exit status at all.
 constexpr char kBackendFailFlag[] = "/var/tmp/velmora-standin/backend.fail";
+// While a status file exists, its stand-in exits with the number that the
+// file holds instead of 0.
+constexpr char kBackendStatusFile[] = "/var/tmp/velmora-standin/backend.status";
 constexpr char kFetchmailCalls[] = "/var/tmp/velmora-standin/fetchmail.calls";
+// One line per fetchmail call: the variables HOME, USER and LOGNAME that the
+// stand-in saw, each as "NAME=value" or "NAME unset", each followed by a tab.
+constexpr char kFetchmailEnv[] = "/var/tmp/velmora-standin/fetchmail.env";
 constexpr char kFetchmailFailFlag[] = "/var/tmp/velmora-standin/fetchmail.fail";
+constexpr char kFetchmailStatusFile[] = "/var/tmp/velmora-standin/fetchmail.status";
 
 constexpr uid_t kAccount = 61000;  // Velmora-Server
 constexpr uid_t kUser1 = 61001;
@@ -151,32 +160,70 @@ inline bool WriteScript(const std::string& path, const std::string& body) {
   return MakeDir(path.substr(0, path.rfind('/'))) && WriteFile(path, body, 0755);
 }
 
+// The shell text that ends a stand-in: killed by SIGKILL while `fail_flag`
+// exists, else the exit status held in `status_file` when that exists, else
+// 0. Shell built-ins only.
+inline std::string StandInEnding(const std::string& fail_flag, const std::string& status_file) {
+  return "if [ -e " + fail_flag + " ]; then kill -KILL $$; fi\n" + "if [ -e " + status_file +
+         " ]; then read status < " + status_file + "; exit \"$status\"; fi\nexit 0\n";
+}
+
 // The back-end tool stand-in: appends its arguments, each followed by a tab,
-// as one line; fails while the fail flag exists. It uses shell built-ins only,
-// so it never forks.
+// as one line; then ends as StandInEnding says. It uses shell built-ins
+// only, so it never forks.
 inline bool InstallBackendStandIn() {
   WriteFile(kBackendCalls, "", 0666);
   chmod(kBackendCalls, 0666);
   return WriteScript(
       kBackend,
       std::string("#!/bin/sh\nline=\"\"\nfor a in \"$@\"; do line=\"$line$a\t\"; done\n") +
-          "printf '%s\\n' \"$line\" >> " + kBackendCalls + "\n" + "if [ -e " + kBackendFailFlag +
-          " ]; then exit 1; fi\nexit 0\n");
+          "printf '%s\\n' \"$line\" >> " + kBackendCalls + "\n" +
+          StandInEnding(kBackendFailFlag, kBackendStatusFile));
 }
 
 // The fetchmail stand-in: appends its arguments, each followed by a tab, and
-// then "<real uid> <uid> <real gid> <gid>" as one line; fails while the fail
-// flag exists.
+// then "<real uid> <uid> <real gid> <gid>" as one line, and its HOME, USER
+// and LOGNAME as one line of kFetchmailEnv; then ends as StandInEnding says.
 inline bool InstallFetchmailStandIn() {
   WriteFile(kFetchmailCalls, "", 0666);
   chmod(kFetchmailCalls, 0666);
+  WriteFile(kFetchmailEnv, "", 0666);
+  chmod(kFetchmailEnv, 0666);
+  std::string record_env = "env=\"\"\n";
+  for (const char* name : {"HOME", "USER", "LOGNAME"}) {
+    const std::string n = name;
+    record_env += "if [ -n \"${" + n + "+x}\" ]; then env=\"${env}" + n + "=$" + n +
+                  "\t\"; else env=\"${env}" + n + " unset\t\"; fi\n";
+  }
+  record_env += std::string("printf '%s\\n' \"$env\" >> ") + kFetchmailEnv + "\n";
   return WriteScript(
       kFetchmail,
       std::string("#!/bin/sh\nline=\"\"\nfor a in \"$@\"; do line=\"$line$a\t\"; done\n") +
           "ids=\"$(/usr/bin/id -ru) $(/usr/bin/id -u) $(/usr/bin/id -rg) "
           "$(/usr/bin/id -g)\"\n" +
-          "printf '%s%s\\n' \"$line\" \"$ids\" >> " + kFetchmailCalls + "\n" + "if [ -e " +
-          kFetchmailFailFlag + " ]; then exit 1; fi\nexit 0\n");
+          "printf '%s%s\\n' \"$line\" \"$ids\" >> " + kFetchmailCalls + "\n" + record_env +
+          StandInEnding(kFetchmailFailFlag, kFetchmailStatusFile));
+}
+
+// Makes the stand-in of `status_file` exit with `status` from now on.
+inline bool SetStandInExitStatus(const std::string& status_file, int status) {
+  return WriteFile(status_file, std::to_string(status) + "\n", 0644);
+}
+
+// The environment lines that the fetchmail stand-in recorded, in call order.
+inline std::vector<std::string> FetchmailEnvs() {
+  std::vector<std::string> lines;
+  std::istringstream in(ReadFile(kFetchmailEnv));
+  std::string line;
+  while (std::getline(in, line)) lines.push_back(line);
+  return lines;
+}
+
+// An environment line as the fetchmail stand-in writes it; an empty `user`
+// stands for three unset variables.
+inline std::string EnvLine(const std::string& home, const std::string& user) {
+  if (user.empty()) return "HOME unset\tUSER unset\tLOGNAME unset\t";
+  return "HOME=" + home + "\tUSER=" + user + "\tLOGNAME=" + user + "\t";
 }
 
 struct Call {
