@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdlib>
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -26,6 +28,7 @@ using settings::Pop3Control;
 using settings::record::GlobalPOP3Config;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 
 constexpr char kSwitchFile[] = "/var/packages/Velmora-Server/etc/velmora/vt_pop3.config";
 constexpr char kUidList[] = "/var/spool/mail/vt/db/vt_pop3_uid.config";
@@ -258,6 +261,139 @@ TEST_F(Pop3DaemonTest, EntryPointsCountAFetchmailExitStatusAsRun) {
                           StopCall(Dir(kUser2), kUser2), StartCall(Dir(kUser1), kUser1, kUser1),
                           StartCall(Dir(kUser2), kUser2, kUser2), StopCall(Dir(kUser2), kUser2)));
   EXPECT_THAT(BackendCalls(), ElementsAre(SyncCall(kUidList), SyncCall(kUidList)));
+  EXPECT_THAT(capture.Records(), IsEmpty());
+}
+
+// ---- The user's environment for fetchmail ----
+
+// Runs `fn` in a forked child whose environment holds root's HOME, USER and
+// LOGNAME, as a cron job or a web back-end running as root has them.
+int InChildAsRootsSession(const std::function<int()>& fn) {
+  return InChild([&fn] {
+    if (setenv("HOME", "/root", 1) != 0 || setenv("USER", "root", 1) != 0 ||
+        setenv("LOGNAME", "root", 1) != 0) {
+      return 80;
+    }
+    return fn();
+  });
+}
+
+// True when the environment holds root's three variables as set above.
+bool HasRootsSession() {
+  const char* home = getenv("HOME");
+  const char* user = getenv("USER");
+  const char* logname = getenv("LOGNAME");
+  return home != nullptr && user != nullptr && logname != nullptr && std::string(home) == "/root" &&
+         std::string(user) == "root" && std::string(logname) == "root";
+}
+
+TEST_F(Pop3DaemonTest, FetchmailGetsTheUsersHomeAndNameInsteadOfTheCallers) {
+  MakeUserFiles(kUser1, kShared);
+  MakeUserFiles(kUser2, kUser2);
+  LogCapture capture;
+  EXPECT_EQ(InChildAsRootsSession([this] {
+              int bits = 0;
+              if (!control_.DownPrivilegeFork(kUser1, Pop3Control::ACTION_START, 600)) bits |= 1;
+              if (!control_.DownPrivilegeFork(kUser2, Pop3Control::ACTION_START, 600)) bits |= 2;
+              if (!control_.DownPrivilegeFork(kUser1, Pop3Control::ACTION_STOP, 0)) bits |= 4;
+              if (!control_.DownPrivilegeFork(kUser2, Pop3Control::ACTION_STOP, 0)) bits |= 8;
+              if (!HasRootsSession()) bits |= 16;  // the caller keeps its own
+              return bits;
+            }),
+            0);
+  EXPECT_THAT(
+      FetchmailCalls(),
+      ElementsAre(StartCall(Dir(kUser1), kUser1, kShared), StartCall(Dir(kUser2), kUser2, kUser2),
+                  StopCall(Dir(kUser1), kUser1), StopCall(Dir(kUser2), kUser2)));
+  EXPECT_THAT(FetchmailEnvs(), ElementsAre(EnvLine("/var/tmp/home/vtuser1", "vtuser1"),
+                                           EnvLine("/var/tmp/home/vtuser2", "vtuser2"),
+                                           EnvLine("/var/tmp/home/vtuser1", "vtuser1"),
+                                           EnvLine("/var/tmp/home/vtuser2", "vtuser2")));
+  EXPECT_THAT(capture.Records(), IsEmpty());
+}
+
+TEST_F(Pop3DaemonTest, FetchmailGetsTheUsersHomeAndNameFromAnEmptyEnvironment) {
+  MakeUserFiles(kUser3, kUser3);
+  LogCapture capture;
+  EXPECT_EQ(InChild([this] {
+              if (clearenv() != 0) return 80;
+              int bits = 0;
+              if (!control_.DownPrivilegeFork(kUser3, Pop3Control::ACTION_START, 60)) bits |= 1;
+              if (!control_.DownPrivilegeFork(kUser3, Pop3Control::ACTION_STOP, 0)) bits |= 2;
+              if (environ != nullptr && environ[0] != nullptr) bits |= 4;  // still empty
+              return bits;
+            }),
+            0);
+  EXPECT_THAT(FetchmailCalls(),
+              ElementsAre(StartCall(Dir(kUser3), kUser3, kUser3), StopCall(Dir(kUser3), kUser3)));
+  EXPECT_THAT(FetchmailEnvs(), ElementsAre(EnvLine("/var/tmp/home/vtuser3", "vtuser3"),
+                                           EnvLine("/var/tmp/home/vtuser3", "vtuser3")));
+  EXPECT_THAT(capture.Records(), IsEmpty());
+}
+
+TEST_F(Pop3DaemonTest, FetchmailOfAUidWithoutPasswdEntryGetsNoneOfTheCallersNames) {
+  const uint32_t nobody_known = 70123;
+  ASSERT_TRUE(MakeDir(Dir(nobody_known), nobody_known, nobody_known, 0700));
+  ASSERT_TRUE(WriteOwned(Rc(nobody_known), kControlText, nobody_known, nobody_known, 0600));
+  LogCapture capture;
+  EXPECT_EQ(InChildAsRootsSession([this, nobody_known] {
+              int bits = 0;
+              if (!control_.DownPrivilegeFork(nobody_known, Pop3Control::ACTION_START, 60)) {
+                bits |= 1;
+              }
+              if (!control_.DownPrivilegeFork(nobody_known, Pop3Control::ACTION_STOP, 0)) {
+                bits |= 2;
+              }
+              if (!HasRootsSession()) bits |= 4;
+              return bits;
+            }),
+            0);
+  EXPECT_THAT(FetchmailCalls(),
+              ElementsAre(StartCall(Dir(nobody_known), nobody_known, nobody_known),
+                          StopCall(Dir(nobody_known), nobody_known)));
+  EXPECT_THAT(FetchmailEnvs(), ElementsAre(EnvLine("", ""), EnvLine("", "")));
+  EXPECT_THAT(capture.Records(), IsEmpty());
+}
+
+// The NUL-terminated strings of an environment block.
+std::vector<std::string> EnvironmentBlock(const std::string& block) {
+  std::vector<std::string> vars;
+  size_t start = 0;
+  for (size_t end; (end = block.find('\0', start)) != std::string::npos; start = end + 1) {
+    vars.push_back(block.substr(start, end - start));
+  }
+  return vars;
+}
+
+TEST_F(Pop3DaemonTest, FetchmailGetsTheRestOfTheCallersEnvironmentUnchanged) {
+  // A stand-in that copies the whole environment it was given.
+  const std::string start_env = std::string(kRecordDir) + "/start.environ";
+  const std::string stop_env = std::string(kRecordDir) + "/stop.environ";
+  ASSERT_TRUE(WriteScript(kFetchmail, "#!/bin/sh\nif [ \"$1\" = --quit ]; then out=" + stop_env +
+                                          "; else out=" + start_env +
+                                          "; fi\n/bin/cat /proc/$$/environ > \"$out\"\n"));
+  MakeUserFiles(kUser2, kUser2);
+  LogCapture capture;
+  EXPECT_EQ(InChild([this] {
+              if (clearenv() != 0) return 80;
+              if (setenv("PATH", "/usr/bin:/bin", 1) != 0 ||
+                  setenv("VELMORA_PROBE", "a b=c", 1) != 0 || setenv("LANG", "C.UTF-8", 1) != 0 ||
+                  setenv("USER", "root", 1) != 0 || setenv("HOME", "/root", 1) != 0 ||
+                  setenv("LOGNAME", "root", 1) != 0) {
+                return 81;
+              }
+              int bits = 0;
+              if (!control_.DownPrivilegeFork(kUser2, Pop3Control::ACTION_START, 60)) bits |= 1;
+              if (!control_.DownPrivilegeFork(kUser2, Pop3Control::ACTION_STOP, 0)) bits |= 2;
+              return bits;
+            }),
+            0);
+  // The caller's variables, with the user's three in place of root's.
+  const auto expected =
+      UnorderedElementsAre("PATH=/usr/bin:/bin", "VELMORA_PROBE=a b=c", "LANG=C.UTF-8",
+                           "USER=vtuser2", "HOME=/var/tmp/home/vtuser2", "LOGNAME=vtuser2");
+  EXPECT_THAT(EnvironmentBlock(ReadFile(start_env)), expected);
+  EXPECT_THAT(EnvironmentBlock(ReadFile(stop_env)), expected);
   EXPECT_THAT(capture.Records(), IsEmpty());
 }
 

@@ -68,22 +68,62 @@ std::string FormatUnsigned(uint32_t value) {
   return text;
 }
 
-// Looks up the package's system account; false when it does not exist.
-bool LookUpPackageAccount(uid_t* uid, gid_t* gid) {
+// Runs a passwd lookup (a getpwnam_r or getpwuid_r call wrapped in
+// `lookup`) with a buffer that grows until the entry fits, and hands the
+// entry found to `use`. False when there is no entry, the lookup fails, or
+// `use` returns false.
+template <typename Lookup, typename Use>
+bool WithPasswdEntry(Lookup lookup, Use use) {
   long hint = sysconf(_SC_GETPW_R_SIZE_MAX);
   std::vector<char> buf(hint > 0 ? static_cast<size_t>(hint) : 1024);
   for (;;) {
     struct passwd pw;
     struct passwd* found = nullptr;
-    int rc = getpwnam_r(kPackageAccount, &pw, buf.data(), buf.size(), &found);
+    int rc = lookup(&pw, buf.data(), buf.size(), &found);
     if (rc == ERANGE && buf.size() < (1u << 20)) {
       buf.resize(buf.size() * 2);
       continue;
     }
     if (rc != 0 || found == nullptr) return false;
-    *uid = found->pw_uid;
-    *gid = found->pw_gid;
-    return true;
+    return use(*found);
+  }
+}
+
+// Looks up the package's system account; false when it does not exist.
+bool LookUpPackageAccount(uid_t* uid, gid_t* gid) {
+  return WithPasswdEntry(
+      [](struct passwd* pw, char* buf, size_t size, struct passwd** found) {
+        return getpwnam_r(kPackageAccount, pw, buf, size, found);
+      },
+      [uid, gid](const struct passwd& pw) {
+        *uid = pw.pw_uid;
+        *gid = pw.pw_gid;
+        return true;
+      });
+}
+
+// Gives the programs that this process runs from now on the HOME, USER and
+// LOGNAME of `uid` from its passwd entry, as a login does: fetchmail looks
+// for its files under $HOME, so a caller running as root with root's HOME
+// must not send a user's fetchmail there. The rest of the environment stays
+// as it is. Without a passwd entry the three are removed rather than left
+// naming the caller. Meant for the forked child that has just taken the
+// user's identity.
+void TakeUserEnvironment(uid_t uid) {
+  const bool set = WithPasswdEntry(
+      [uid](struct passwd* pw, char* buf, size_t size, struct passwd** found) {
+        return getpwuid_r(uid, pw, buf, size, found);
+      },
+      [](const struct passwd& pw) {
+        const char* home = pw.pw_dir != nullptr ? pw.pw_dir : "";
+        const char* name = pw.pw_name != nullptr ? pw.pw_name : "";
+        return setenv("HOME", home, 1) == 0 && setenv("USER", name, 1) == 0 &&
+               setenv("LOGNAME", name, 1) == 0;
+      });
+  if (!set) {
+    unsetenv("HOME");
+    unsetenv("USER");
+    unsetenv("LOGNAME");
   }
 }
 
@@ -411,6 +451,7 @@ bool Pop3Control::Start(uint32_t uid, uint32_t interval) const {
                 static_cast<int>(st.st_gid));
     return false;
   }
+  TakeUserEnvironment(uid);
   return OLIBCExecl(kFetchmail, kExeclFlags, "-f", control_file.c_str(), "--pidfile",
                     pid_file.c_str(), "--idfile", id_file.c_str(),
                     static_cast<char*>(nullptr)) >= 0;
@@ -428,6 +469,7 @@ bool Pop3Control::Stop(uint32_t uid) const {
     VELMORA_LOG("Change uid to %d fail", static_cast<int>(uid));
     return false;
   }
+  TakeUserEnvironment(uid);
   return OLIBCExecl(kFetchmail, kExeclFlags, "--quit", "--pidfile", pid_file.c_str(), "--idfile",
                     id_file.c_str(), static_cast<char*>(nullptr)) >= 0;
 }
