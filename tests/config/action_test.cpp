@@ -188,6 +188,83 @@ TEST_F(ActionGetTest, CommentsAreAccepted) {
   EXPECT_EQ(value, "yes");
 }
 
+TEST_F(ActionGetTest, CommentsOfBothKindsAnywhereAreAccepted) {
+  for (const char* json : {
+           "// written by hand\n{\"smtp/smtp_enabled\": \"yes\"}",
+           "/* block */ {\"smtp/smtp_enabled\": \"yes\"}",
+           "{\"smtp/other\": 1, // line\n \"smtp/smtp_enabled\": /* inline */ \"yes\"}",
+           "{\"smtp/smtp_enabled\": \"yes\" /* before the brace */}\n// after the document\n",
+           "{\"smtp/smtp_enabled\": \"yes\", \"smtp/list\": [1 /* one */, 2 // two\n]}",
+           "/* a\n   block over lines */\n{\"smtp/smtp_enabled\": \"yes\"} /* unclosed at the end",
+       }) {
+    WriteTree("smtp", json);
+    LogCapture capture;
+    std::string value = "preset";
+    EXPECT_EQ(Get("smtp_enabled", value), 0) << json;
+    EXPECT_EQ(value, "yes") << json;
+    ExpectLines(capture, ServiceDown("smtp/smtp_enabled"));
+  }
+}
+
+TEST_F(ActionGetTest, AnyValueMayBeTheRootAndGivesAnEmptyValue) {
+  for (const char* json : {R"("yes")", R"(["smtp/smtp_enabled", "yes"])", "42", "-3.5e2", "true",
+                           "null", "[]", "{}", "// comment\n\"yes\""}) {
+    WriteTree("smtp", json);
+    LogCapture capture;
+    std::string value = "preset";
+    EXPECT_EQ(Get("smtp_enabled", value), 0) << json;
+    EXPECT_EQ(value, "") << json;
+    ExpectLines(capture, ServiceDown("smtp/smtp_enabled"));
+  }
+}
+
+TEST_F(ActionGetTest, TrailingCommaFailsWithParseLine) {
+  for (const char* json : {
+           R"({"smtp/smtp_enabled": "yes",})",
+           R"({"smtp/smtp_enabled": "yes", "smtp/list": [1, 2,]})",
+           R"({"smtp/smtp_enabled": "yes", "smtp/other": {"a": 1,}})",
+           "{\"smtp/smtp_enabled\": \"yes\" /* comment */, }",
+           R"(["yes",])",
+           R"([,])",
+       }) {
+    WriteTree("smtp", json);
+    LogCapture capture;
+    std::string value = "preset";
+    EXPECT_EQ(Get("smtp_enabled", value), 1) << json;
+    EXPECT_EQ(value, "preset") << json;
+    ExpectLines(capture, ServiceDown("smtp/smtp_enabled", Line("Failed to parse Json value of " +
+                                                               Escaped(kTreeDir) + "smtp")));
+  }
+}
+
+TEST_F(ActionGetTest, ByteOrderMarkFailsWithParseLine) {
+  WriteTree("smtp", "\xEF\xBB\xBF{\"smtp/smtp_enabled\": \"yes\"}");
+  LogCapture capture;
+  std::string value = "preset";
+  EXPECT_EQ(Get("smtp_enabled", value), 1);
+  EXPECT_EQ(value, "preset");
+  ExpectLines(capture, ServiceDown("smtp/smtp_enabled", Line("Failed to parse Json value of " +
+                                                             Escaped(kTreeDir) + "smtp")));
+  // The same document without the mark is read.
+  WriteTree("smtp", "{\"smtp/smtp_enabled\": \"yes\"}");
+  EXPECT_EQ(Get("smtp_enabled", value), 0);
+  EXPECT_EQ(value, "yes");
+}
+
+TEST_F(ActionGetTest, OtherTextsOutsideTheGrammarFailWithParseLine) {
+  for (const char* json : {"", "  \n", "// only a comment\n", R"({"smtp/smtp_enabled": +1})",
+                           R"({'smtp/smtp_enabled': 'yes'})", R"({"smtp/smtp_enabled": NaN})",
+                           R"({"smtp/smtp_enabled": "yes" "smtp/other": "no"})"}) {
+    WriteTree("smtp", json);
+    LogCapture capture;
+    std::string value = "preset";
+    EXPECT_EQ(Get("smtp_enabled", value), 1) << json;
+    EXPECT_EQ(value, "preset") << json;
+    ExpectLines(capture, ServiceDown("smtp/smtp_enabled", Line("Failed to parse Json value of " +
+                                                               Escaped(kTreeDir) + "smtp")));
+  }
+}
+
 TEST_F(ActionGetTest, UnreadableFileFailsWithOpenLine) {
   WriteTree("smtp", R"({"smtp/smtp_enabled": "yes"})", 0600);
   ASSERT_EQ(chmod(kTreeDir, 0755), 0);
@@ -254,6 +331,44 @@ TEST_F(ActionGetTest, DeeplyNestedJsonFailsWithParseLine) {
   EXPECT_EQ(value, "preset");
   ExpectLines(capture, ServiceDown("smtp/smtp_enabled", Line("Failed to parse Json value of " +
                                                              Escaped(kTreeDir) + "smtp")));
+}
+
+// The root object holding `yes` and arrays nested `depth` levels in all,
+// the root counted.
+std::string NestedTree(int depth) {
+  return "{\"smtp/smtp_enabled\": \"yes\", \"smtp/deep\": " + std::string(depth - 1, '[') +
+         std::string(depth - 1, ']') + "}";
+}
+
+TEST_F(ActionGetTest, NestingUpToTheReadersLimitIsRead) {
+  for (int depth : {2, 50, 500, 1000}) {
+    WriteTree("smtp", NestedTree(depth));
+    LogCapture capture;
+    std::string value = "preset";
+    EXPECT_EQ(Get("smtp_enabled", value), 0) << depth;
+    EXPECT_EQ(value, "yes") << depth;
+    ExpectLines(capture, ServiceDown("smtp/smtp_enabled"));
+  }
+}
+
+TEST_F(ActionGetTest, NestingPastTheReadersLimitFailsWithParseLine) {
+  for (int depth : {1001, 1002, 2000}) {
+    WriteTree("smtp", NestedTree(depth));
+    LogCapture capture;
+    std::string value = "preset";
+    EXPECT_EQ(Get("smtp_enabled", value), 1) << depth;
+    EXPECT_EQ(value, "preset") << depth;
+    ExpectLines(capture, ServiceDown("smtp/smtp_enabled", Line("Failed to parse Json value of " +
+                                                               Escaped(kTreeDir) + "smtp")));
+  }
+  // Objects count as arrays do.
+  std::string objects = "{\"smtp/smtp_enabled\": \"yes\", \"smtp/deep\": ";
+  for (int i = 0; i < 1000; ++i) objects += "{\"k\": ";
+  objects += "1" + std::string(1001, '}');
+  WriteTree("smtp", objects);
+  std::string value = "preset";
+  EXPECT_EQ(Get("smtp_enabled", value), 1);
+  EXPECT_EQ(value, "preset");
 }
 
 TEST_F(ActionGetTest, FiftyMegabyteTreeFileIsRead) {

@@ -3,7 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <memory>
+#include <exception>
 #include <string>
 
 #include <json/json.h>
@@ -44,15 +44,20 @@ bool ReadAndClose(int fd, std::string& data) {
   return ok;
 }
 
-// Parses one JSON document with jsoncpp's default features, comments
-// collected. False on a syntax error or a document nested too deeply.
+// Parses one JSON document with jsoncpp's classic reader in its default
+// features (Features::all()), comments collected: comments are allowed and
+// any value may be the root, while a trailing comma, a byte-order mark or a
+// document nested deeper than the reader's limit is an error. The builder's
+// readers differ from it in more than their settings (they take a leading
+// "+" on a number, for one), so the classic reader itself is used. False on
+// an error; the reader throws past its depth limit.
 bool ParseJson(const std::string& data, Json::Value& root) {
-  Json::CharReaderBuilder builder;
-  builder["collectComments"] = true;
-  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  std::string errors;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+  Json::Reader reader(Json::Features::all());
+#pragma GCC diagnostic pop
   try {
-    return reader->parse(data.data(), data.data() + data.size(), &root, &errors);
+    return reader.parse(data.data(), data.data() + data.size(), root, true);
   } catch (const std::exception&) {
     return false;
   }
