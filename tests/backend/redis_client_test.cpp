@@ -689,11 +689,13 @@ TEST_F(RedisClientTest, MGetRepeatedKeyKeepsItsLastValue) {
 }
 
 TEST_F(RedisClientTest, MGetOfAnEmptyArrayIsTrueWithAnEmptyMap) {
-  FakeMGet f(Array({}));
-  ASSERT_TRUE(f.fake.ok());
-  Map values{{"stale", "s"}};
-  EXPECT_TRUE(f.client.MGet({"a", "b"}, values, false));
-  EXPECT_TRUE(values.empty());
+  for (bool allow_nil : {false, true}) {
+    FakeMGet f(Array({}));
+    ASSERT_TRUE(f.fake.ok());
+    Map values{{"stale", "s"}};
+    EXPECT_TRUE(f.client.MGet({"a", "b"}, values, allow_nil)) << allow_nil;
+    EXPECT_TRUE(values.empty()) << allow_nil;
+  }
 }
 
 TEST_F(RedisClientTest, MGetFailsWhenTheReplyIsNotAnArray) {
@@ -735,6 +737,58 @@ TEST_F(RedisClientTest, MGetPairsElementsWithKeysByPosition) {
     EXPECT_TRUE(f.client.MGet({"a", "b"}, values, true));
     EXPECT_EQ(values, (Map{{"a", "1"}}));
   }
+}
+
+// Without nils allowed, a key past the end of a shorter array is missing:
+// the call fails with the answers before it stored.
+TEST_F(RedisClientTest, MGetOfAShortArrayWithoutNilFailsKeepingTheKeysAnswered) {
+  {
+    FakeMGet f(Array({Bulk("1"), Int(-2)}));
+    ASSERT_TRUE(f.fake.ok());
+    Map values{{"stale", "s"}};
+    EXPECT_FALSE(f.client.MGet({"a", "b", "c"}, values, false));
+    EXPECT_EQ(values, (Map{{"a", "1"}, {"b", "-2"}}));
+    EXPECT_EQ(f.fake.Commands(), (std::vector<Request>{{"MGET", "a", "b", "c"}}));
+  }
+  {
+    FakeMGet f(Array({Status("OK")}));
+    ASSERT_TRUE(f.fake.ok());
+    Map values;
+    EXPECT_FALSE(f.client.MGet({"a", "b"}, values, false));
+    EXPECT_EQ(values, (Map{{"a", "OK"}}));
+  }
+  {
+    // A repeated key answered once: its second position is missing.
+    FakeMGet f(Array({Bulk("x")}));
+    ASSERT_TRUE(f.fake.ok());
+    Map values;
+    EXPECT_FALSE(f.client.MGet({"k", "k"}, values, false));
+    EXPECT_EQ(values, (Map{{"k", "x"}}));
+  }
+  {
+    // A nil among the answers fails first, as it does in a full array.
+    FakeMGet f(Array({Bulk("1"), Nil()}));
+    ASSERT_TRUE(f.fake.ok());
+    Map values;
+    EXPECT_FALSE(f.client.MGet({"a", "b", "c"}, values, false));
+    EXPECT_EQ(values, (Map{{"a", "1"}}));
+  }
+}
+
+TEST_F(RedisClientTest, MGetOfAShortArrayWithNilAllowedStoresWhatItHas) {
+  FakeMGet f(Array({Bulk("1"), Nil(), Int(3)}));
+  ASSERT_TRUE(f.fake.ok());
+  Map values{{"stale", "s"}};
+  EXPECT_TRUE(f.client.MGet({"a", "b", "c", "d", "e"}, values, true));
+  EXPECT_EQ(values, (Map{{"a", "1"}, {"b", ""}, {"c", "3"}}));
+}
+
+TEST_F(RedisClientTest, MGetOfAFullArrayWithoutNilSucceeds) {
+  FakeMGet f(Array({Bulk("1"), Bulk("2")}));
+  ASSERT_TRUE(f.fake.ok());
+  Map values;
+  EXPECT_TRUE(f.client.MGet({"a", "b"}, values, false));
+  EXPECT_EQ(values, (Map{{"a", "1"}, {"b", "2"}}));
 }
 
 // ---- Server gone and back --------------------------------------------------

@@ -176,13 +176,17 @@ bool RedisClient::MGet(const std::vector<std::string>& keys,
   // consolidating the freed entries while the reply is being read.
   values.clear();
   if (reply == nullptr || reply->type != REDIS_REPLY_ARRAY) return false;
+  // An array without elements answers no key and is taken as it is.
+  if (reply->elements == 0) return true;
   for (size_t i = 0; i < reply->elements; ++i) {
     if (i >= keys.size()) return false;  // More answers than keys asked for.
     std::string value;
     if (!ElementValue(reply->element[i], allow_nil, &value)) return false;
     values[keys[i]] = std::move(value);
   }
-  return true;
+  // A key past the end of a shorter array has no answer: without nils
+  // allowed that fails like a nil, the answers before it stored.
+  return allow_nil || reply->elements >= keys.size();
 }
 
 }  // namespace backend
