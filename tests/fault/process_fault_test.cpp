@@ -269,6 +269,30 @@ TEST_F(ProcessFaultTest, BackendToolKilledBySignalFailsEveryWriterWithTheFileInP
   EXPECT_THAT(capture.Records(), IsEmpty());
 }
 
+TEST_F(ProcessFaultTest, BackendToolExitingWithAStatusLetsEveryWriterSucceed) {
+  // It ran to its end; what its status means is its own business.
+  InstallBackend("exit 1");
+  ASSERT_TRUE(MakeDir(kSettingsDir));
+  Pop3Control control("vt");
+  ASSERT_TRUE(WriteOwned(kUidList, "61002\n", kAccount, kAccount, 0644));
+  LogCapture capture;
+  EXPECT_TRUE(settings::SetVelmoraConfig(Defaults()));
+  EXPECT_EQ(ReadFile(kClientConf), kAllKeysDefaultText);
+  EXPECT_TRUE(control.SetPOP3Config(GlobalPOP3Config{false, 3}));
+  EXPECT_EQ(ReadFile(kSwitchFile), "false\n3\n");
+  std::set<uint32_t> tracked{kUser2};
+  EXPECT_TRUE(control.TrackStop({kUser2}, tracked));
+  EXPECT_EQ(ReadFile(kUidList), "");
+  // No control file: the child logs its failed start, the uid is listed.
+  EXPECT_TRUE(control.TrackStart({kUser1}, tracked, 60));
+  EXPECT_EQ(ReadFile(kUidList), "61001\n");
+  EXPECT_THAT(BackendCalls(), ElementsAre(SyncCall(kClientConf), SyncCall(kSwitchFile),
+                                          SyncCall(kUidList), SyncCall(kUidList)));
+  EXPECT_THAT(capture.Records(),
+              ElementsAre(LogAt(kErr, kSettingsModule, "Stat file error"),
+                          LogAt(kErr, kSettingsModule, "Start POP3Daemon for user(61001) error")));
+}
+
 TEST_F(ProcessFaultTest, MissingBackendToolFailsEveryWriterWithTheFileInPlace) {
   ASSERT_EQ(unlink(kBackend), 0);
   ASSERT_TRUE(MakeDir(kSettingsDir));
