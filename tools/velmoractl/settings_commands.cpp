@@ -1,8 +1,15 @@
 // features, pop3, user: the web client's feature switches, the POP3 fetch
 // service of one instance, and user id/name conversion.
 #include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <set>
@@ -160,15 +167,289 @@ void Pop3Daemons(Context& ctx, const std::string& name, const std::string& what,
   Verbose(ctx, done);
 }
 
+// ---- pop3 NAME list ----
+
+constexpr char kListFooter[] =
+    "Output: one line per listed uid (ascending, no header), tab-separated columns:\n"
+    "  UID  USER  PID  STATE  INTERVAL\n"
+    "USER      the uid's account name; \"-\" when the uid has no account\n"
+    "PID       the pid on the first line of the user's quillbox_fetchmail.pid;\n"
+    "          \"-\" when there is none\n"
+    "STATE     running  the pid file names a live process that is not a zombie\n"
+    "                   (whether that process is fetchmail is not checked)\n"
+    "          stopped  there is no pid file\n"
+    "          stale    the pid file's first line is not a pid (PID \"-\"),\n"
+    "                   or that process has ended\n"
+    "          unknown  the pid file cannot be read: permission denied (caller\n"
+    "                   neither root nor the user), not a regular file, I/O error\n"
+    "INTERVAL  the seconds on the last line of the user's quillbox_pop3_fetch that\n"
+    "          begins with \"set daemon\"; \"-\" when that file is missing or cannot\n"
+    "          be read, has no such line, or that line has no number\n"
+    "--json prints one line: an array of objects with the keys uid, user, pid,\n"
+    "state and interval; user is \"\" for a uid without an account and null stands\n"
+    "for the other \"-\". A missing or unreadable uid list lists nobody (status 0);\n"
+    "a fetch file that cannot be read shows as above and does not fail the\n"
+    "listing. Reads only: takes no lock, starts or stops no daemon and changes\n"
+    "none of the service's files.";
+
+// What the listing says about a user's fetch daemon, from its pid file.
+enum class DaemonState {
+  kRunning,  // the pid file names a live process that is not a zombie
+  kStopped,  // there is no pid file
+  kStale,    // the pid file holds no pid, or its process has ended
+  kUnknown,  // the pid file cannot be read (permission, not a file, I/O)
+};
+
+const char* StateName(DaemonState state) {
+  switch (state) {
+    case DaemonState::kRunning:
+      return "running";
+    case DaemonState::kStopped:
+      return "stopped";
+    case DaemonState::kStale:
+      return "stale";
+    case DaemonState::kUnknown:
+      break;
+  }
+  return "unknown";
+}
+
+// One row of the listing.
+struct DaemonRow {
+  uint32_t uid = 0;
+  std::string user;  // "" when the uid has no account
+  DaemonState state = DaemonState::kUnknown;
+  bool has_pid = false;
+  pid_t pid = 0;
+  bool has_interval = false;
+  uint32_t interval = 0;  // seconds
+};
+
+// The fetch files belong to the user, who may have put anything in their
+// place. Opens `path` for reading only if it is a regular file, so that a
+// FIFO or a device can neither block the listing nor be opened as root.
+// Returns the descriptor, or -1 with errno set (EINVAL: not a regular file).
+int OpenRegularFile(const std::string& path) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) return -1;
+  if (!S_ISREG(st.st_mode)) {
+    errno = EINVAL;
+    return -1;
+  }
+  // O_NONBLOCK and the second check cover a swap between stat and open.
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+  if (fd < 0) return -1;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    close(fd);
+    errno = EINVAL;
+    return -1;
+  }
+  return fd;
+}
+
+// Reads a descriptor line by line. Keeps at most kMaxLine bytes of a line
+// (what the listing looks for sits at the start of a line) and skips the
+// rest of a longer one.
+class LineReader {
+ public:
+  explicit LineReader(int fd) : fd_(fd) {}
+
+  // The next line without its "\n"; false at the end of the file or after
+  // a read error (see failed()).
+  bool Next(std::string& line) {
+    line.clear();
+    bool any = false;
+    for (;;) {
+      if (pos_ == len_ && !Fill()) return any;
+      any = true;
+      const char* start = buffer_ + pos_;
+      const char* end = static_cast<const char*>(std::memchr(start, '\n', len_ - pos_));
+      const size_t take = static_cast<size_t>((end != nullptr ? end : buffer_ + len_) - start);
+      if (line.size() < kMaxLine) line.append(start, std::min(take, kMaxLine - line.size()));
+      pos_ += take;
+      if (end != nullptr) {
+        ++pos_;
+        return true;
+      }
+    }
+  }
+
+  bool failed() const { return failed_; }
+
+ private:
+  static constexpr size_t kMaxLine = 4096;
+
+  bool Fill() {
+    for (;;) {
+      const ssize_t n = read(fd_, buffer_, sizeof(buffer_));
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) failed_ = true;
+      if (n <= 0) return false;
+      pos_ = 0;
+      len_ = static_cast<size_t>(n);
+      return true;
+    }
+  }
+
+  int fd_;
+  char buffer_[16384];
+  size_t pos_ = 0;
+  size_t len_ = 0;
+  bool failed_ = false;
+};
+
+bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
+
+// A pid as fetchmail writes it on the first line of its pid file: a
+// decimal number from 1 to 2^31 - 1, blanks around it allowed.
+bool ParsePid(const std::string& line, pid_t& pid) {
+  size_t begin = 0;
+  size_t end = line.size();
+  while (begin < end && IsBlank(line[begin])) ++begin;
+  while (end > begin && IsBlank(line[end - 1])) --end;
+  uint64_t value = 0;
+  if (!ParseUnsigned(line.substr(begin, end - begin), INT32_MAX, value) || value == 0) {
+    return false;
+  }
+  pid = static_cast<pid_t>(value);
+  return true;
+}
+
+// True while `pid` is a process that has not ended. /proc/PID/stat gives
+// the state, so that a zombie (ended, not yet reaped) counts as ended. When
+// /proc does not show the process (hidepid, /proc not mounted) kill(pid, 0)
+// decides; EPERM means that the process exists.
+bool ProcessAlive(pid_t pid) {
+  const std::string path = "/proc/" + std::to_string(pid) + "/stat";
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd >= 0) {
+    char text[1024];
+    ssize_t n;
+    do {
+      n = read(fd, text, sizeof(text));
+    } while (n < 0 && errno == EINTR);
+    close(fd);
+    // "PID (COMM) STATE ...", and COMM may itself hold ") ".
+    const std::string stat(text, n > 0 ? static_cast<size_t>(n) : 0);
+    const size_t paren = stat.rfind(')');
+    if (paren != std::string::npos && paren + 2 < stat.size()) {
+      const char state = stat[paren + 2];
+      return state != 'Z' && state != 'X' && state != 'x';
+    }
+  }
+  return kill(pid, 0) == 0 || errno == EPERM;
+}
+
+// Fills in state and pid from the pid file. Only its first line counts: a
+// daemon also writes its interval on a second line.
+void ReadPidFile(const std::string& path, DaemonRow& row) {
+  const int fd = OpenRegularFile(path);
+  if (fd < 0) {
+    row.state = errno == ENOENT || errno == ENOTDIR ? DaemonState::kStopped : DaemonState::kUnknown;
+    return;
+  }
+  LineReader reader(fd);
+  std::string first;
+  reader.Next(first);
+  const bool failed = reader.failed();
+  close(fd);
+  if (failed) {
+    row.state = DaemonState::kUnknown;
+    return;
+  }
+  pid_t pid = 0;
+  if (!ParsePid(first, pid)) {
+    row.state = DaemonState::kStale;
+    return;
+  }
+  row.has_pid = true;
+  row.pid = pid;
+  row.state = ProcessAlive(pid) ? DaemonState::kRunning : DaemonState::kStale;
+}
+
+// The control file lines that set the daemon interval begin with this.
+constexpr char kSetDaemon[] = "set daemon";
+constexpr size_t kSetDaemonLength = sizeof(kSetDaemon) - 1;
+
+// The interval of a "set daemon" line: blanks, then a decimal number that
+// fits 32 bits, then the end of the line, a blank or fetchmail's comment
+// and noise characters. False for anything else ("set daemon", "set
+// daemon 5m").
+bool ParseDaemonInterval(const std::string& line, uint32_t& interval) {
+  size_t pos = kSetDaemonLength;
+  if (pos == line.size() || !IsBlank(line[pos])) return false;
+  while (pos < line.size() && IsBlank(line[pos])) ++pos;
+  size_t end = pos;
+  while (end < line.size() && line[end] >= '0' && line[end] <= '9') ++end;
+  if (end < line.size() && !IsBlank(line[end]) && std::strchr("#;,:", line[end]) == nullptr) {
+    return false;
+  }
+  uint64_t value = 0;
+  if (!ParseUnsigned(line.substr(pos, end - pos), UINT32_MAX, value)) return false;
+  interval = static_cast<uint32_t>(value);
+  return true;
+}
+
+// Fills in the interval from the last line of the control file that begins
+// with "set daemon" (the one fetchmail obeys). Left absent when the file is
+// missing or cannot be read, has no such line, or that line has no number.
+void ReadControlFile(const std::string& path, DaemonRow& row) {
+  const int fd = OpenRegularFile(path);
+  if (fd < 0) return;
+  LineReader reader(fd);
+  std::string line;
+  bool found = false;
+  bool has_interval = false;
+  uint32_t interval = 0;
+  while (reader.Next(line)) {
+    if (line.compare(0, kSetDaemonLength, kSetDaemon) != 0) continue;
+    found = true;
+    has_interval = ParseDaemonInterval(line, interval);
+  }
+  const bool failed = reader.failed();
+  close(fd);
+  if (failed || !found || !has_interval) return;
+  row.has_interval = true;
+  row.interval = interval;
+}
+
+// Reads only: no lock, no daemon control, no file of the service written
+// (the Pop3Control constructor may still create the settings directory, as
+// for every pop3 command). Files that the caller may not read show as state
+// "unknown" and no interval; the listing itself still succeeds. A missing
+// or unreadable uid list lists nobody (the library logs the unreadable one).
 void Pop3List(const Context& ctx, const std::string& name) {
-  const std::set<uint32_t> uids = Pop3Control(name).GetPOP3UidSet();
+  const Pop3Control control(name);
+  std::vector<DaemonRow> rows;
+  for (uint32_t uid : control.GetPOP3UidSet()) {
+    DaemonRow row;
+    row.uid = uid;
+    row.user = velmora::user::ConvertToUsername(uid);
+    const std::string dir = control.UserFetchMailPath(uid);
+    ReadPidFile(dir + "quillbox_fetchmail.pid", row);
+    ReadControlFile(dir + "quillbox_pop3_fetch", row);
+    rows.push_back(row);
+  }
   if (ctx.json) {
     Json::Value out(Json::arrayValue);
-    for (uint32_t uid : uids) out.append(uid);
+    for (const DaemonRow& row : rows) {
+      Json::Value item(Json::objectValue);
+      item["uid"] = static_cast<Json::UInt>(row.uid);
+      item["user"] = row.user;
+      item["pid"] = row.has_pid ? Json::Value(static_cast<Json::Int>(row.pid)) : Json::Value();
+      item["state"] = StateName(row.state);
+      item["interval"] =
+          row.has_interval ? Json::Value(static_cast<Json::UInt>(row.interval)) : Json::Value();
+      out.append(item);
+    }
     PrintJson(out);
     return;
   }
-  for (uint32_t uid : uids) std::cout << uid << '\n';
+  for (const DaemonRow& row : rows) {
+    std::cout << row.uid << '\t' << (row.user.empty() ? "-" : row.user) << '\t'
+              << (row.has_pid ? std::to_string(row.pid) : "-") << '\t' << StateName(row.state)
+              << '\t' << (row.has_interval ? std::to_string(row.interval) : "-") << '\n';
+  }
 }
 
 void UserName(Context& ctx, const std::string& text) {
@@ -275,7 +556,9 @@ void AddSettingsCommands(CLI::App& app, Context& ctx) {
     sub->callback([&ctx, name, what, users] { Pop3Daemons(ctx, *name, what, *users); });
   }
 
-  CLI::App* list = pop3->add_subcommand("list", "Print the uids whose daemons were started");
+  CLI::App* list = pop3->add_subcommand(
+      "list", "Print each listed user's daemon: uid, user, pid, state and interval");
+  list->footer(kListFooter);
   list->callback([&ctx, name] { Pop3List(ctx, *name); });
 
   // user name UID | user uid NAME
