@@ -88,7 +88,9 @@ class VELMORA_EXPORT RedisClient {
   // bytes, an integer in decimal; a nil as "" when `allow_nil` is set. False
   // when no reply came, the reply is not an array or has more elements than
   // `keys`, or an element is an array or error, or a nil without
-  // `allow_nil`; `values` then holds what was stored before that element.
+  // `allow_nil`, or (without `allow_nil`) a non-empty reply has fewer
+  // elements than `keys`; `values` then holds what was stored before the
+  // element that failed. An empty array is true with `values` empty.
   [[nodiscard]] bool MGet(const std::vector<std::string>& keys,
                           std::unordered_map<std::string, std::string>& values, bool allow_nil);
 

@@ -478,7 +478,9 @@ TEST_F(VelmoractlPop3, SetStartListStop) {
   EXPECT_EQ(FetchmailCalls().size(), 2u);
   EXPECT_EQ(ReadFile(control_.UserFetchMailPath(kUser1) + "quillbox_pop3_fetch"),
             "set daemon 600\n");
-  EXPECT_EQ(Tool({"pop3", "vt", "list"}).out, "61001\n61002\n");
+  // The stand-in starts no daemon, so neither user has a pid file.
+  EXPECT_EQ(Tool({"pop3", "vt", "list"}).out,
+            "61001\tvtuser1\t-\tstopped\t600\n61002\tvtuser2\t-\tstopped\t600\n");
 
   Result stop = Tool({"pop3", "vt", "stop", "vtuser1"});
   EXPECT_EQ(stop.status, 0) << stop.err;
@@ -487,7 +489,7 @@ TEST_F(VelmoractlPop3, SetStartListStop) {
   Json::Value list = ParseJson(Tool({"--json", "pop3", "vt", "list"}).out);
   ASSERT_TRUE(list.isArray());
   ASSERT_EQ(list.size(), 1u);
-  EXPECT_EQ(list[0].asUInt(), 61002u);
+  EXPECT_EQ(list[0]["uid"].asUInt(), 61002u);
 
   // stop-all keeps the list, start-all starts the listed daemon again.
   EXPECT_EQ(Tool({"pop3", "vt", "stop-all"}).status, 0);
