@@ -161,8 +161,7 @@ Pop3Server::Pop3Server(std::string root, int port)
     : root_(std::move(root)),
       port_(port),
       config_path_(root_ + "/dovecot.conf"),
-      log_path_(root_ + "/dovecot.log"),
-      users_path_(root_ + "/users") {}
+      log_path_(root_ + "/dovecot.log") {}
 
 Pop3Server::~Pop3Server() { Stop(); }
 
@@ -176,55 +175,46 @@ bool Pop3Server::Start() {
   }
   if (chown((root_ + "/mail").c_str(), kMailAccountId, kMailAccountId) != 0) return false;
   const std::string port = std::to_string(port_);
-  // Plain POP3 on loopback, users from a passwd-file with plain passwords,
-  // one maildir each; no TLS, no delay after a failed login, its own log.
-  const std::string config =
-      "protocols = pop3\n"
-      "listen = 127.0.0.1\n"
-      "base_dir = " +
-      root_ +
-      "/base\n"
-      "state_dir = " +
-      root_ +
-      "/state\n"
-      "log_path = " +
-      log_path_ +
-      "\n"
-      "ssl = no\n"
-      "disable_plaintext_auth = no\n"
-      "auth_mechanisms = plain\n"
-      "auth_failure_delay = 0\n"
-      "mail_location = maildir:" +
-      root_ +
-      "/mail/%u\n"
-      "first_valid_uid = 1\n"
-      "pop3_uidl_format = %08Xu%08Xv\n"
-      "service pop3-login {\n"
-      "  inet_listener pop3 {\n"
-      "    address = 127.0.0.1\n"
-      "    port = " +
-      port +
-      "\n"
-      "  }\n"
-      "}\n"
-      "service anvil {\n"
-      "  unix_listener anvil-auth-penalty {\n"
-      "    mode = 0\n"
-      "  }\n"
-      "}\n"
-      "passdb {\n"
-      "  driver = passwd-file\n"
-      "  args = scheme=PLAIN username_format=%u " +
-      users_path_ +
-      "\n"
-      "}\n"
-      "userdb {\n"
-      "  driver = static\n"
-      "  args = uid=" +
-      std::to_string(kMailAccountId) + " gid=" + std::to_string(kMailAccountId) + " home=" + root_ +
-      "/mail/%u\n"
-      "}\n";
-  if (!WriteAll(config_path_, config, 0644) || !WriteUsers()) return false;
+  // Plain POP3 on loopback; a login's password is "pw-" and its name; one
+  // maildir per mailbox; no TLS, no delay after a failed login, its own log.
+  const std::string mail_id = std::to_string(kMailAccountId);
+  const std::vector<std::string> lines = {
+      "protocols = pop3",
+      "listen = 127.0.0.1",
+      "base_dir = " + root_ + "/base",
+      "state_dir = " + root_ + "/state",
+      "log_path = " + log_path_,
+      "ssl = no",
+      "disable_plaintext_auth = no",
+      "auth_mechanisms = plain",
+      "auth_failure_delay = 0",
+      "auth_verbose = yes",
+      "mail_location = maildir:" + root_ + "/mail/%u",
+      "first_valid_uid = 1",
+      "pop3_uidl_format = %08Xu%08Xv",
+      "service pop3-login {",
+      "  inet_listener pop3 {",
+      "    address = 127.0.0.1",
+      "    port = " + port,
+      "  }",
+      "}",
+      "service anvil {",
+      "  unix_listener anvil-auth-penalty {",
+      "    mode = 0",
+      "  }",
+      "}",
+      "passdb {",
+      "  driver = static",
+      "  args = password=pw-%u",
+      "}",
+      "userdb {",
+      "  driver = static",
+      "  args = uid=" + mail_id + " gid=" + mail_id + " home=" + root_ + "/mail/%u",
+      "}",
+  };
+  std::string config;
+  for (const std::string& line : lines) config += line + "\n";
+  if (!WriteAll(config_path_, config, 0644)) return false;
   const int listen_port = port_;
   process_ = std::make_unique<ServerProcess>(
       std::vector<std::string>{kDovecot, "-F", "-c", config_path_},
@@ -238,35 +228,24 @@ void Pop3Server::Stop() {
 
 pid_t Pop3Server::pid() const { return process_ && process_->running() ? process_->pid() : -1; }
 
-bool Pop3Server::WriteUsers() const {
-  std::string text;
-  for (const auto& box : mailboxes_) text += box.first + ":{PLAIN}" + box.second + "\n";
-  // Replaced in one step: dovecot reads the file again when it changes.
-  const std::string temp = users_path_ + ".new";
-  return WriteAll(temp, text, 0644) && rename(temp.c_str(), users_path_.c_str()) == 0;
-}
-
 std::string Pop3Server::MailDir(const std::string& mailbox) const {
   return root_ + "/mail/" + mailbox;
 }
 
-bool Pop3Server::AddMailbox(const std::string& mailbox, const std::string& password) {
-  mailboxes_.erase(std::remove_if(mailboxes_.begin(), mailboxes_.end(),
-                                  [&](const auto& box) { return box.first == mailbox; }),
-                   mailboxes_.end());
-  mailboxes_.emplace_back(mailbox, password);
+std::string Pop3Server::PasswordOf(const std::string& mailbox) { return "pw-" + mailbox; }
+
+bool Pop3Server::AddMailbox(const std::string& mailbox) {
   for (const char* sub : {"", "/tmp", "/new", "/cur"}) {
     if (!MakeOwnedDirs(MailDir(mailbox) + sub, kMailAccountId, kMailAccountId, 0700)) return false;
   }
-  return WriteUsers();
+  return true;
 }
 
 bool Pop3Server::Clear() {
-  mailboxes_.clear();
   for (const std::string& name : ListNames(root_ + "/mail")) {
     if (!RemoveTree(root_ + "/mail/" + name)) return false;
   }
-  return WriteUsers();
+  return true;
 }
 
 bool Pop3Server::Deposit(const std::string& mailbox, const std::string& message) {

@@ -1,7 +1,7 @@
 // A small mail world for the POP3 fetch service, made of real programs only:
 // Debian's dovecot as the POP3 server on loopback with a private
-// configuration (passwd-file mailboxes with plain passwords, maildirs below
-// a directory of the test), local accounts for the users whose fetchmail
+// configuration (plain-text logins, one maildir per mailbox below a
+// directory of the test), local accounts for the users whose fetchmail
 // daemons the library runs, and fetchmail control files that deliver each
 // fetched message as one file into a directory the test reads.
 //
@@ -63,8 +63,12 @@ class Pop3Server {
   pid_t pid() const;
   const std::string& log_path() const { return log_path_; }
 
-  // Adds (or replaces) a mailbox with its plain-text password, empty.
-  bool AddMailbox(const std::string& mailbox, const std::string& password);
+  // The password of a mailbox: "pw-" and its name. The server derives it
+  // from the login name, so a mailbox needs no account file that the
+  // server might read late.
+  static std::string PasswordOf(const std::string& mailbox);
+  // Adds an empty mailbox.
+  bool AddMailbox(const std::string& mailbox);
   // Removes every mailbox and its mail.
   bool Clear();
   // Puts one message into the mailbox's maildir, as a delivery agent would
@@ -77,14 +81,11 @@ class Pop3Server {
 
  private:
   std::string MailDir(const std::string& mailbox) const;
-  bool WriteUsers() const;
 
   std::string root_;
   int port_;
   std::string config_path_;
   std::string log_path_;
-  std::string users_path_;
-  std::vector<std::pair<std::string, std::string>> mailboxes_;
   std::unique_ptr<ServerProcess> process_;
   int deposited_ = 0;
 };
