@@ -243,7 +243,10 @@ void Check(benchmark::State& state, Fixture& f, bool running) {
   state.ResumeTiming();
 }
 
-void FetchmailStart(benchmark::State& state, bool lib, int port) {
+// One timed round per iteration: from all daemons stopped, UidListStart or
+// the plain starts (`start`); from all running, UidListStop or the plain
+// stops.
+void FetchmailRound(benchmark::State& state, bool start, bool lib, int port) {
   Fixture& f = World();
   if (!f.ready) {
     state.SkipWithError(f.error.c_str());
@@ -255,43 +258,26 @@ void FetchmailStart(benchmark::State& state, bool lib, int port) {
   }
   velmora::settings::Pop3Control control(kInstance);
   for (auto _ : state) {
-    Prepare(state, f, false);
+    Prepare(state, f, !start);
     bool ok = true;
     if (lib) {
-      ok = control.UidListStart();
+      ok = start ? control.UidListStart() : control.UidListStop();
     } else {
-      for (size_t i = 0; i < f.users.size(); ++i) ok = RawRun(f, i, true) && ok;
+      for (size_t i = 0; i < f.users.size(); ++i) ok = RawRun(f, i, start) && ok;
     }
-    if (!ok) state.SkipWithError("a start failed");
-    Check(state, f, true);
+    if (!ok) state.SkipWithError(start ? "a start failed" : "a stop failed");
+    Check(state, f, start);
   }
   state.SetItemsProcessed(state.iterations() * kUsers);
   StopAllQuickly();
 }
 
+void FetchmailStart(benchmark::State& state, bool lib, int port) {
+  FetchmailRound(state, true, lib, port);
+}
+
 void FetchmailStop(benchmark::State& state, bool lib, int port) {
-  Fixture& f = World();
-  if (!f.ready) {
-    state.SkipWithError(f.error.c_str());
-    return;
-  }
-  if (!StopAllQuickly() || !PollAt(f, port)) {
-    state.SkipWithError("cannot point the control files at the port");
-    return;
-  }
-  velmora::settings::Pop3Control control(kInstance);
-  for (auto _ : state) {
-    Prepare(state, f, true);
-    bool ok = true;
-    if (lib) {
-      ok = control.UidListStop();
-    } else {
-      for (size_t i = 0; i < f.users.size(); ++i) ok = RawRun(f, i, false) && ok;
-    }
-    if (!ok) state.SkipWithError("a stop failed");
-    Check(state, f, false);
-  }
-  state.SetItemsProcessed(state.iterations() * kUsers);
+  FetchmailRound(state, false, lib, port);
 }
 
 void Register(const char* name, void (*fn)(benchmark::State&, bool, int), bool lib, int port) {
