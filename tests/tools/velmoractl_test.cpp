@@ -1,13 +1,10 @@
 // velmoractl as installed (cmake --install into the build tree), run as a
-// separate program inside the test runner against real servers (redis-server
-// on the quota store's port, memcached, a local query socket) and the
-// recording stand-ins of the back-end tool and of fetchmail. Each test checks
-// the output, the exit status and the files.
+// separate program inside the test runner: the command line, key routing,
+// the setting reader, user conversion, and the servers it talks to (redis-server
+// on the quota store's port, memcached, a local query socket). Each test
+// checks the output, the exit status and the log lines.
 #include <fcntl.h>
-#include <grp.h>
-#include <poll.h>
-#include <sys/file.h>
-#include <sys/wait.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -16,7 +13,6 @@
 #include <thread>
 #include <vector>
 
-#include <hiredis/hiredis.h>
 #include <json/json.h>
 
 #include <velmora/velmora.h>
@@ -26,6 +22,7 @@
 #include "settings/settings_test_util.h"
 #include "support/one_shot_server.h"
 #include "support/server_process.h"
+#include "tools/tool_runner.h"
 
 namespace velmora {
 namespace test {
@@ -36,96 +33,6 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
-
-constexpr char kTool[] = VELMORACTL_PATH;
-
-struct Result {
-  int status = -1;  // exit status, or 128 + signal
-  std::string out;
-  std::string err;
-};
-
-// Runs the installed velmoractl with `args`, as root or as `user`.
-Result Tool(const std::vector<std::string>& args, const std::string& user = "") {
-  int out_pipe[2], err_pipe[2];
-  Result result;
-  if (pipe2(out_pipe, O_CLOEXEC) != 0 || pipe2(err_pipe, O_CLOEXEC) != 0) return result;
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(out_pipe[1], 1);
-    dup2(err_pipe[1], 2);
-    if (!user.empty()) {
-      if (setgroups(0, nullptr) != 0 || setgid(GidOf(user)) != 0 || setuid(UidOf(user)) != 0) {
-        _exit(99);
-      }
-    }
-    std::vector<char*> argv{const_cast<char*>(kTool)};
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(kTool, argv.data());
-    _exit(98);
-  }
-  close(out_pipe[1]);
-  close(err_pipe[1]);
-  pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
-  std::string* sinks[2] = {&result.out, &result.err};
-  int open_pipes = 2;
-  while (open_pipes > 0) {
-    if (poll(fds, 2, -1) < 0) break;
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-      char buf[4096];
-      ssize_t n = read(fds[i].fd, buf, sizeof(buf));
-      if (n > 0) {
-        sinks[i]->append(buf, static_cast<size_t>(n));
-      } else {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        --open_pipes;
-      }
-    }
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return result;
-}
-
-Json::Value ParseJson(const std::string& text) {
-  Json::Value value;
-  Json::CharReaderBuilder builder;
-  std::string errors;
-  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors))
-      << errors << " in " << text;
-  return value;
-}
-
-// An error is exactly one line on stderr, headed by the program's name.
-MATCHER(OneErrorLine, "is one line starting with \"velmoractl: \"") {
-  return arg.compare(0, 12, "velmoractl: ") == 0 && arg.find('\n') == arg.size() - 1;
-}
-
-// A log line of the library written from the velmoractl process:
-// "<module>:<line>: velmoractl: <message>" at `priority`.
-MATCHER_P3(ToolLine, priority, module, message,
-           "is <" + std::to_string(priority) + "> " + std::string(module) +
-               ":<line>: velmoractl: " + std::string(message)) {
-  const std::string head = std::string(module) + ":";
-  if (arg.priority != priority || arg.text.compare(0, head.size(), head) != 0) return false;
-  size_t pos = head.size();
-  while (pos < arg.text.size() && isdigit(static_cast<unsigned char>(arg.text[pos]))) ++pos;
-  return pos > head.size() && arg.text.substr(pos) == ": velmoractl: " + std::string(message);
-}
-
-// Waits until no velmoractl process (a detached restart child) is left.
-bool NoVelmoractlLeft() {
-  for (int i = 0; i < 2000; ++i) {
-    if (ProcessesNamed("velmoractl").empty()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return false;
-}
 
 // ---- Command line ----
 
@@ -188,8 +95,8 @@ TEST(VelmoractlCli, BadCommandLinesExitTwoWithOneLine) {
       {{"services", "--role", "a", "--key", "b"},
        "velmoractl: --role excludes --key (see 'velmoractl services --help')\n"},
       {{"pop3", "vt", "set", "--period", "0"},
-       "velmoractl: --period: Value 0 not in range 1 to 71582788 (see 'velmoractl pop3 set "
-       "--help')\n"},
+       "velmoractl: --period: expects a decimal number from 1 to 71582788, not '0' (see "
+       "'velmoractl pop3 NAME set --help')\n"},
       {{"pop3", "vt", "set", "--enabled", "maybe"}, ""},
       {{"pop3", "vt", "set"}, ""},
       {{"features", "set", "bogus=yes"},
@@ -361,162 +268,6 @@ TEST_F(VelmoractlGet, AsksTheConfigurationServiceFirst) {
   EXPECT_EQ(request, "get_value smtp/smtp_enabled");
 }
 
-// ---- Client feature switches ----
-
-class VelmoractlFeatures : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ResetSystemTree();
-    ASSERT_TRUE(InstallBackendStandIn());
-  }
-};
-
-TEST_F(VelmoractlFeatures, GetShowsTheDefaultsWithoutAFile) {
-  for (const auto& args :
-       {std::vector<std::string>{"features"}, std::vector<std::string>{"features", "get"}}) {
-    Result r = Tool(args);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out,
-              "disable_pgp=no\ndisable_smtp_sender_name=no\nenable_sharing_link=no\n"
-              "is_custom_logo=no\nenable_chat=yes\nenable_calendar=yes\n"
-              "enable_externalsource=yes\ndisable_shared_mailbox=no\ncustom_logo_version=0\n");
-  }
-}
-
-TEST_F(VelmoractlFeatures, SetChangesOnlyTheNamedSwitchesAndPropagates) {
-  ASSERT_TRUE(MakeDir(kSettingsDir));
-  ASSERT_TRUE(WriteFile(kClientConf, "other=\"kept\"\nenable_calendar=\"no\"\n"));
-  Result r = Tool({"features", "set", "disable_pgp=yes", "enable_chat=no"});
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out, "");  // quiet without --verbose
-  EXPECT_EQ(r.err, "");
-  config::KeyTreeStore::instance();
-  settings::record::VelmoraConfig now = settings::GetVelmoraConfig();
-  EXPECT_TRUE(now.disable_pgp);
-  EXPECT_FALSE(now.enable_chat);
-  EXPECT_FALSE(now.enable_calendar);  // read, kept, written back
-  EXPECT_TRUE(now.enable_externalsource);
-  EXPECT_THAT(ReadFile(kClientConf), HasSubstr("other=kept\n"));
-  EXPECT_THAT(BackendCalls(), ElementsAre(SyncCall(kClientConf)));
-
-  Result verbose = Tool({"-v", "features", "set", "enable_chat=yes"});
-  EXPECT_EQ(verbose.status, 0);
-  EXPECT_EQ(verbose.out, "set enable_chat=yes\n");
-
-  Result json = Tool({"features", "--json"});
-  Json::Value v = ParseJson(json.out);
-  EXPECT_TRUE(v["disable_pgp"].asBool());
-  EXPECT_TRUE(v["enable_chat"].asBool());
-  EXPECT_FALSE(v["enable_calendar"].asBool());
-  EXPECT_EQ(v["custom_logo_version"].asInt64(), 0);
-}
-
-TEST_F(VelmoractlFeatures, AFailedPropagationExitsOneWithTheFileWritten) {
-  ASSERT_TRUE(WriteFile(kBackendFailFlag, ""));
-  Result r = Tool({"features", "set", "disable_pgp=yes"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.err, "velmoractl: cannot store the client switches (see the system log)\n");
-  EXPECT_TRUE(settings::GetVelmoraConfig().disable_pgp);
-}
-
-TEST_F(VelmoractlFeatures, AnUnprivilegedUserIsDenied) {
-  ASSERT_TRUE(MakeDir(kSettingsDir));
-  ASSERT_TRUE(WriteFile(kClientConf, "disable_pgp=\"no\"\n", 0644));
-  Result r = Tool({"features", "set", "disable_pgp=yes"}, "vtuser1");
-  EXPECT_EQ(r.status, 5);
-  EXPECT_THAT(r.err, OneErrorLine());
-  EXPECT_EQ(ReadFile(kClientConf), "disable_pgp=\"no\"\n");
-}
-
-// ---- POP3 fetch service ----
-
-class VelmoractlPop3 : public ::testing::Test {
- protected:
-  void SetUp() override {
-    ResetSystemTree();
-    ASSERT_TRUE(InstallBackendStandIn());
-    ASSERT_TRUE(InstallFetchmailStandIn());
-    ASSERT_TRUE(MakeDir(kLockDir, kAccount, kAccount, 0755));
-    ASSERT_TRUE(MakeDir(std::string(kSpool) + "/vt/db", kAccount, kAccount, 0755));
-    ASSERT_TRUE(MakeDir(kSettingsDir, kAccount, kAccount, 0755));
-  }
-  void TearDown() override { EXPECT_TRUE(NoVelmoractlLeft()); }
-
-  void MakeUserFiles(uint32_t uid) {
-    const std::string dir = control_.UserFetchMailPath(uid);
-    ASSERT_TRUE(MakeDir(dir, uid, uid, 0700));
-    ASSERT_TRUE(WriteOwned(dir + "quillbox_pop3_fetch", "set daemon 300\n", uid, uid, 0600));
-  }
-
-  settings::Pop3Control control_{"vt"};
-};
-
-TEST_F(VelmoractlPop3, StatusOfANewServiceIsOffWithPeriodFive) {
-  Result r = Tool({"pop3", "vt", "status"});
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "enabled=no\nperiod=5\n");
-  Json::Value v = ParseJson(Tool({"pop3", "vt", "status", "--json"}).out);
-  EXPECT_FALSE(v["enabled"].asBool());
-  EXPECT_EQ(v["period"].asUInt(), 5u);
-}
-
-TEST_F(VelmoractlPop3, SetStartListStop) {
-  MakeUserFiles(kUser1);
-  MakeUserFiles(kUser2);
-  Result set = Tool({"pop3", "vt", "set", "--enabled", "yes", "--period", "10"});
-  EXPECT_EQ(set.status, 0) << set.err;
-  EXPECT_EQ(set.out, "");
-  ASSERT_TRUE(NoVelmoractlLeft());
-  EXPECT_EQ(ReadFile(control_.pop3_config_path), "true\n10\n");
-  EXPECT_EQ(Tool({"pop3", "vt", "status"}).out, "enabled=yes\nperiod=10\n");
-
-  // A user by uid and one by name.
-  Result start = Tool({"-v", "pop3", "vt", "start", "61001", "vtuser2"});
-  EXPECT_EQ(start.status, 0) << start.err;
-  EXPECT_EQ(start.out, "pop3 vt: start 61001 61002\n");
-  EXPECT_EQ(ReadFile(control_.uid_list_path), "61001\n61002\n");
-  EXPECT_EQ(FetchmailCalls().size(), 2u);
-  EXPECT_EQ(ReadFile(control_.UserFetchMailPath(kUser1) + "quillbox_pop3_fetch"),
-            "set daemon 600\n");
-  // The stand-in starts no daemon, so neither user has a pid file.
-  EXPECT_EQ(Tool({"pop3", "vt", "list"}).out,
-            "61001\tvtuser1\t-\tstopped\t600\n61002\tvtuser2\t-\tstopped\t600\n");
-
-  Result stop = Tool({"pop3", "vt", "stop", "vtuser1"});
-  EXPECT_EQ(stop.status, 0) << stop.err;
-  EXPECT_EQ(stop.out, "");
-  EXPECT_EQ(ReadFile(control_.uid_list_path), "61002\n");
-  Json::Value list = ParseJson(Tool({"--json", "pop3", "vt", "list"}).out);
-  ASSERT_TRUE(list.isArray());
-  ASSERT_EQ(list.size(), 1u);
-  EXPECT_EQ(list[0]["uid"].asUInt(), 61002u);
-
-  // stop-all keeps the list, start-all starts the listed daemon again.
-  EXPECT_EQ(Tool({"pop3", "vt", "stop-all"}).status, 0);
-  EXPECT_EQ(ReadFile(control_.uid_list_path), "61002\n");
-  EXPECT_EQ(Tool({"pop3", "vt", "start-all"}).status, 0);
-  std::vector<Call> calls = FetchmailCalls();
-  ASSERT_EQ(calls.size(), 5u);
-  EXPECT_EQ(calls[3], StopCall(control_.UserFetchMailPath(kUser2), kUser2));
-  EXPECT_EQ(calls[4], StartCall(control_.UserFetchMailPath(kUser2), kUser2, kUser2));
-}
-
-TEST_F(VelmoractlPop3, AnUnknownUserNameExitsThreeAndStartsNothing) {
-  Result r = Tool({"pop3", "vt", "start", "61001", "nobody_here"});
-  EXPECT_EQ(r.status, 3);
-  EXPECT_EQ(r.err, "velmoractl: unknown user 'nobody_here'\n");
-  EXPECT_THAT(FetchmailCalls(), IsEmpty());
-}
-
-TEST_F(VelmoractlPop3, AFailedStopExitsOne) {
-  // Without its directory the uid list cannot be replaced.
-  ASSERT_EQ(Shell(std::string("rm -rf ") + kSpool + "/vt/db"), 0);
-  Result r = Tool({"pop3", "vt", "stop", "61001"});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, "velmoractl: pop3 vt stop failed (see the system log)\n");
-}
-
 // ---- User conversion ----
 
 TEST(VelmoractlUser, NameAndUid) {
@@ -616,154 +367,6 @@ TEST_F(VelmoractlQuota, AnUnreachableStoreExitsFour) {
     EXPECT_EQ(r.out, "");
     EXPECT_EQ(r.err, "velmoractl: cannot connect to the quota store at 127.0.0.1:8506\n");
   }
-}
-
-// ---- key=value files ----
-
-class VelmoractlKv : public ::testing::Test {
- protected:
-  void SetUp() override {
-    dir_ = scratch_.path();
-    file_ = dir_ + "/app.conf";
-  }
-  ScratchDir scratch_;
-  std::string dir_;
-  std::string file_;
-};
-
-TEST_F(VelmoractlKv, GetAndSetKeepTheOtherKeysOwnerAndMode) {
-  ASSERT_TRUE(WriteOwned(file_, "a=\"1\"\nempty=\"\"\nb=\"2\"\n", kUser1, kShared, 0640));
-  Result get = Tool({"kv", "get", file_, "b"});
-  EXPECT_EQ(get.status, 0);
-  EXPECT_EQ(get.out, "2\n");
-  Result empty = Tool({"kv", "get", file_, "empty"});
-  EXPECT_EQ(empty.status, 0);
-  EXPECT_EQ(empty.out, "\n");
-  Json::Value v = ParseJson(Tool({"--json", "kv", "get", file_, "a"}).out);
-  EXPECT_EQ(v["key"].asString(), "a");
-  EXPECT_EQ(v["value"].asString(), "1");
-
-  Result set = Tool({"kv", "set", file_, "b", "two words"});
-  EXPECT_EQ(set.status, 0) << set.err;
-  EXPECT_EQ(set.out, "");
-  Result add = Tool({"-v", "kv", "set", file_, "c", "3"});
-  EXPECT_EQ(add.out, "set c in " + file_ + "\n");
-  EXPECT_EQ(Tool({"kv", "get", file_, "b"}).out, "two words\n");
-  sdk::FileKeyValue check(file_);
-  ASSERT_TRUE(check.ReadKeyValues(16, "="));
-  EXPECT_EQ(check.Get("a"), "1");
-  EXPECT_EQ(check.Get("c"), "3");
-  FileMeta meta = Meta(file_);
-  EXPECT_EQ(meta.uid, kUser1);
-  EXPECT_EQ(meta.gid, kShared);
-  EXPECT_EQ(meta.mode, 0640u);
-  EXPECT_THAT(ListDir(dir_), ElementsAre("app.conf"));
-}
-
-TEST_F(VelmoractlKv, MissingKeyOrFileExitsThree) {
-  ASSERT_TRUE(WriteFile(file_, "a=\"1\"\n"));
-  Result key = Tool({"kv", "get", file_, "zzz"});
-  EXPECT_EQ(key.status, 3);
-  EXPECT_EQ(key.out, "");
-  EXPECT_EQ(key.err, "velmoractl: no key 'zzz' in " + file_ + "\n");
-  Result file = Tool({"kv", "get", dir_ + "/none.conf", "a"});
-  EXPECT_EQ(file.status, 3);
-  EXPECT_EQ(file.err,
-            "velmoractl: cannot read " + dir_ + "/none.conf: No such file or directory\n");
-  Result set = Tool({"kv", "set", dir_ + "/none.conf", "a", "1"});
-  EXPECT_EQ(set.status, 3);
-  EXPECT_FALSE(sdk::Exist(dir_ + "/none.conf"));
-}
-
-TEST_F(VelmoractlKv, PermissionDeniedExitsFiveAndChangesNothing) {
-  ASSERT_EQ(chmod(dir_.c_str(), 0755), 0);
-  ASSERT_TRUE(WriteFile(file_, "a=\"1\"\n", 0600));
-  Result get = Tool({"kv", "get", file_, "a"}, "vtuser1");
-  EXPECT_EQ(get.status, 5);
-  EXPECT_EQ(get.err, "velmoractl: cannot read " + file_ + ": Permission denied\n");
-  ASSERT_EQ(chmod(file_.c_str(), 0644), 0);
-  Result set = Tool({"kv", "set", file_, "a", "2"}, "vtuser1");
-  EXPECT_EQ(set.status, 5);
-  EXPECT_THAT(set.err, OneErrorLine());
-  EXPECT_EQ(ReadFile(file_), "a=\"1\"\n");
-  EXPECT_THAT(ListDir(dir_), ElementsAre("app.conf"));
-}
-
-// ---- Locks ----
-
-class VelmoractlLock : public ::testing::Test {
- protected:
-  void SetUp() override { lock_ = scratch_.path() + "/job.lock"; }
-  // True when another open file description can take the lock at once.
-  bool Free() const {
-    int fd = open(lock_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (fd < 0) return false;
-    bool free = flock(fd, LOCK_EX | LOCK_NB) == 0;
-    close(fd);
-    return free;
-  }
-  ScratchDir scratch_;
-  std::string lock_;
-};
-
-TEST_F(VelmoractlLock, RunsTheCommandWhileHoldingTheLock) {
-  // The command finds the lock taken (flock -n fails with 1) and reports it.
-  const std::string probe = "flock -n " + lock_ + " true; echo $?";
-  Result r = Tool({"lock", lock_, "--", "sh", "-c", probe});
-  EXPECT_EQ(r.status, 0) << r.err;
-  EXPECT_EQ(r.out, "1\n");
-  EXPECT_TRUE(Free());  // released afterwards
-}
-
-TEST_F(VelmoractlLock, ExitsWithTheCommandsStatus) {
-  EXPECT_EQ(Tool({"lock", lock_, "--", "sh", "-c", "exit 7"}).status, 7);
-  EXPECT_EQ(Tool({"lock", lock_, "--", "sh", "-c", "kill -TERM $$"}).status, 128 + SIGTERM);
-  Result missing = Tool({"lock", lock_, "--", "/nonexistent/cmd"});
-  EXPECT_EQ(missing.status, 127);
-  EXPECT_EQ(missing.err, "velmoractl: cannot run '/nonexistent/cmd': No such file or directory\n");
-  EXPECT_TRUE(Free());
-}
-
-TEST_F(VelmoractlLock, TimeoutWhileAnotherProcessHoldsTheLockExitsSix) {
-  int fd = open(lock_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(flock(fd, LOCK_EX), 0);
-  const auto start = std::chrono::steady_clock::now();
-  Result r = Tool({"lock", lock_, "--timeout", "1", "--", "touch", scratch_.path() + "/ran"});
-  const auto waited = std::chrono::steady_clock::now() - start;
-  EXPECT_EQ(r.status, 6);
-  EXPECT_EQ(r.err, "velmoractl: the lock " + lock_ + " is still held after 1 s\n");
-  EXPECT_FALSE(sdk::Exist(scratch_.path() + "/ran"));
-  EXPECT_GE(waited, std::chrono::milliseconds(900));
-  EXPECT_LT(waited, std::chrono::seconds(5));
-  close(fd);
-  // Once free, the same command runs.
-  EXPECT_EQ(Tool({"lock", lock_, "--timeout", "1", "--", "touch", scratch_.path() + "/ran"}).status,
-            0);
-  EXPECT_TRUE(sdk::Exist(scratch_.path() + "/ran"));
-}
-
-TEST_F(VelmoractlLock, WaitsForAHolderThatLetsGo) {
-  int fd = open(lock_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(flock(fd, LOCK_EX), 0);
-  std::thread release([fd] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    close(fd);
-  });
-  Result r = Tool({"lock", lock_, "--retries", "2", "--", "echo", "done"});
-  release.join();
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "done\n");
-}
-
-TEST_F(VelmoractlLock, ALockFileThatCannotBeOpenedIsReported) {
-  ASSERT_EQ(chmod(scratch_.path().c_str(), 0755), 0);
-  Result denied = Tool({"lock", lock_, "--", "true"}, "vtuser1");
-  EXPECT_EQ(denied.status, 5);
-  EXPECT_EQ(denied.err, "velmoractl: cannot lock " + lock_ + ": Permission denied\n");
-  Result missing = Tool({"lock", scratch_.path() + "/no/dir.lock", "--", "true"});
-  EXPECT_EQ(missing.status, 3);
 }
 
 // ---- Local query socket ----
@@ -884,38 +487,6 @@ TEST_F(VelmoractlMemcached, AStoppedServerExitsFour) {
   Result u = Tool({"memcached", "--socket", kSocket, "set", "k", "v"});
   EXPECT_EQ(u.status, 4);
   EXPECT_THAT(u.err, OneErrorLine());
-}
-
-// ---- Shell completion ----
-
-// The words bash would offer after `line` (the last word is being typed).
-std::string Complete(const std::string& line) {
-  const std::string script =
-      std::string("source '") + VELMORACTL_COMPLETION + "'; COMP_LINE='" + line +
-      "'; read -ra COMP_WORDS <<< \"$COMP_LINE\"; "
-      "[[ $COMP_LINE == *' ' ]] && COMP_WORDS+=(''); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); "
-      "_velmoractl; printf '%s\\n' \"${COMPREPLY[@]}\" | sort | tr '\\n' ' '";
-  ScratchDir scratch;
-  const std::string out = scratch.path() + "/out";
-  Shell("bash -c \"$(cat <<'EOF'\n" + script + "\nEOF\n)\" > " + out + " 2>&1");
-  return ReadFile(out);
-}
-
-TEST(VelmoractlCompletion, OffersSubcommandsAndOptionsAtEachLevel) {
-  EXPECT_EQ(Complete("velmoractl "),
-            "--help --json --verbose --version features get kv lock memcached pop3 query quota "
-            "route script services user ");
-  EXPECT_EQ(Complete("velmoractl qu"), "query quota ");
-  EXPECT_EQ(Complete("velmoractl quota "), "attr clear-usage limit usage warning ");
-  EXPECT_EQ(Complete("velmoractl quota limit "), "get set ");
-  EXPECT_EQ(Complete("velmoractl pop3 vt "), "list set start start-all status stop stop-all ");
-  EXPECT_EQ(Complete("velmoractl pop3 vt set --"),
-            "--enabled --help --json --period --verbose --version ");
-  EXPECT_EQ(Complete("velmoractl pop3 vt set --enabled "), "no yes ");
-  EXPECT_EQ(Complete("velmoractl features set enable_c"), "enable_calendar= enable_chat= ");
-  EXPECT_EQ(Complete("velmoractl features set enable_chat="), "enable_chat=no enable_chat=yes ");
-  EXPECT_EQ(Complete("velmoractl user uid vtuser"), "vtuser1 vtuser2 vtuser3 ");
-  EXPECT_EQ(Complete("velmoractl memcached "), "--server --socket delete get set ");
 }
 
 }  // namespace

@@ -20,6 +20,7 @@ enum Status {
   kUnreachable = 4,  // a server could not be reached or did not answer
   kDenied = 5,       // permission denied
   kLockBusy = 6,     // the lock was still held by another process
+  kServiceOff = 7,   // pop3 start, start-all: the service is off, no daemon was started
 };
 
 // What every command sees: the global flags, and the status the run ends
@@ -30,8 +31,22 @@ struct Context {
   int status = kOk;
 };
 
-// Prints "velmoractl: <message>" on stderr, records `status` and returns it.
+// Prints "velmoractl: <message>" on stderr as one line (control bytes
+// escaped), records `status` and returns it.
 int Fail(Context& ctx, int status, const std::string& message);
+
+// Longest part of an argument that a message repeats.
+constexpr size_t kQuoteLimit = 200;
+
+// An argument as messages show it: between single quotes, with backslash,
+// control bytes and DEL written as \\, \n, \r, \t or \xHH, and cut after
+// kQuoteLimit bytes (at a character boundary) with "...(N bytes)" after the
+// closing quote.
+std::string Quote(const std::string& text);
+
+// `text` with every byte that is not part of valid UTF-8 written as the four
+// characters \xHH; valid UTF-8 is returned unchanged.
+std::string ValidUtf8(const std::string& text);
 
 // The status for a failed call whose errno is `err`: kDenied for EACCES and
 // EPERM, `fallback` otherwise.
@@ -41,15 +56,41 @@ int StatusForErrno(int err, int fallback);
 // and ENOTDIR.
 int StatusForFileErrno(int err, int fallback);
 
-// Writes `value` to stdout as one line of compact JSON.
+// Writes `value` to stdout as one line of compact JSON; every string and
+// member name goes through ValidUtf8 first, so the line is valid UTF-8.
 void PrintJson(const Json::Value& value);
 
-// Writes `text` and a newline to stdout when --verbose was given.
+// When --verbose was given, reports what a write command did: `text` and a
+// newline, or with --json the line {"done":"<text>"}. Flushed at once.
 void Verbose(const Context& ctx, const std::string& text);
 
 // Parses an unsigned decimal number that fits `max`; false for anything else
 // (signs, blanks, other characters, overflow).
 bool ParseUnsigned(const std::string& text, uint64_t max, uint64_t& value);
+
+// A validator for decimal numbers from `min` to `max` (digits only: no sign,
+// blank, prefix or overflow); its message quotes the bad argument.
+CLI::Validator Decimal(uint64_t min, uint64_t max);
+
+// Adds an option or positional (`name` as CLI11 takes it) whose argument is
+// a decimal number from `min` to `max`, stored into `value`.
+template <typename T>
+CLI::Option* AddNumber(CLI::App* cmd, const std::string& name, T& value, uint64_t min, uint64_t max,
+                       const std::string& help) {
+  return cmd
+      ->add_option_function<std::string>(
+          name,
+          [&value](const std::string& text) {
+            uint64_t number = 0;
+            if (ParseUnsigned(text, UINT64_MAX, number)) value = static_cast<T>(number);
+          },
+          help)
+      ->check(Decimal(min, max));
+}
+
+// Sets the help footer of `cmd` to "Exit status: " + `text`, the statuses
+// that this command can end with.
+void SetStatuses(CLI::App* cmd, const std::string& text);
 
 // Registration of each command family on the top-level app.
 void AddConfigCommands(CLI::App& app, Context& ctx);    // route, services, script, get

@@ -243,15 +243,13 @@ void AddFileCommands(CLI::App& app, Context& ctx) {
       "lock", "Run COMMAND while holding the exclusive lock on FILE (waits for it by default)");
   lock->add_option("FILE", *lock_file, "Lock file (created when missing)")->required();
   CLI::Option* retries_opt =
-      lock->add_option("--retries", options->retries,
-                       "After an attempt that failed (not a held lock), try N more times, one "
-                       "second apart (N >= 1)")
-          ->check(CLI::Range(1ul, 86400ul))
+      AddNumber(lock, "--retries", options->retries, 1, 86400,
+                "After an attempt that failed (not a held lock), try N more times, one "
+                "second apart (N >= 1)")
           ->type_name("N");
   CLI::Option* timeout_opt =
-      lock->add_option("--timeout", options->timeout,
-                       "Give up (status 6) when the lock is still held after S seconds")
-          ->check(CLI::Range(1u, 86400u))
+      AddNumber(lock, "--timeout", options->timeout, 1, 86400,
+                "Give up (status 6) when the lock is still held after S seconds")
           ->type_name("S");
   retries_opt->excludes(timeout_opt);
   lock->add_option("COMMAND", *command, "Command and its arguments, after --")->required();
@@ -267,10 +265,9 @@ void AddFileCommands(CLI::App& app, Context& ctx) {
       "query", "Send REQUEST to a local query socket and print the whole answer");
   query->add_option("SOCKET", *socket, "Unix socket path")->required();
   query->add_option("REQUEST", *request, "Request, sent as it is")->required();
-  query->add_option("--timeout", *timeout, "Seconds for each send and receive (0: no limit)")
-      ->check(CLI::Range(0, 86400))
-      ->type_name("S")
-      ->capture_default_str();
+  AddNumber(query, "--timeout", *timeout, 0, 86400,
+            "Seconds for each send and receive (0: no limit; default 10)")
+      ->type_name("S");
   query->callback([&ctx, socket, request, timeout] { Query(ctx, *socket, *request, *timeout); });
 }
 

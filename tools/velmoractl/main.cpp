@@ -3,20 +3,130 @@
 // libvelmora; this file holds the top-level parser and the shared helpers.
 #include <errno.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <limits>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "cli.h"
 
 namespace velmoractl {
 
+namespace {
+
+char Hex(unsigned value) { return "0123456789abcdef"[value & 0xf]; }
+
+// Appends `c` as messages write a control byte, DEL or backslash; other
+// bytes as they are.
+void AppendEscaped(std::string& out, unsigned char c, bool backslash) {
+  switch (c) {
+    case '\n':
+      out += "\\n";
+      return;
+    case '\r':
+      out += "\\r";
+      return;
+    case '\t':
+      out += "\\t";
+      return;
+    case '\\':
+      out += backslash ? "\\\\" : "\\";
+      return;
+    default:
+      break;
+  }
+  if (c < 0x20 || c == 0x7f) {
+    out += "\\x";
+    out += Hex(c >> 4);
+    out += Hex(c);
+    return;
+  }
+  out += static_cast<char>(c);
+}
+
+// Length of the valid UTF-8 sequence at `pos`, or 0 when the byte there does
+// not start one (stray continuation, overlong form, surrogate, past U+10FFFF,
+// cut short).
+size_t Utf8Length(const std::string& text, size_t pos) {
+  const auto byte = [&text](size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned char c = byte(pos);
+  if (c < 0x80) return 1;
+  size_t length = 0;
+  unsigned low = 0x80;
+  unsigned high = 0xbf;
+  if (c >= 0xc2 && c <= 0xdf) {
+    length = 2;
+  } else if (c >= 0xe0 && c <= 0xef) {
+    length = 3;
+    if (c == 0xe0) low = 0xa0;
+    if (c == 0xed) high = 0x9f;
+  } else if (c >= 0xf0 && c <= 0xf4) {
+    length = 4;
+    if (c == 0xf0) low = 0x90;
+    if (c == 0xf4) high = 0x8f;
+  } else {
+    return 0;
+  }
+  if (pos + length > text.size()) return 0;
+  if (byte(pos + 1) < low || byte(pos + 1) > high) return 0;
+  for (size_t i = 2; i < length; ++i) {
+    if (byte(pos + i) < 0x80 || byte(pos + i) > 0xbf) return 0;
+  }
+  return length;
+}
+
+// Escapes control bytes so that a message stays on one line.
+std::string OneLine(const std::string& text) {
+  std::string out;
+  for (char c : text) AppendEscaped(out, static_cast<unsigned char>(c), false);
+  return out;
+}
+
+}  // namespace
+
 int Fail(Context& ctx, int status, const std::string& message) {
-  std::cerr << "velmoractl: " << message << std::endl;
+  std::cout.flush();
+  std::cerr << "velmoractl: " << OneLine(message) << std::endl;
   ctx.status = status;
   return status;
+}
+
+std::string Quote(const std::string& text) {
+  std::string out = "'";
+  size_t pos = 0;
+  while (pos < text.size() && pos < kQuoteLimit) {
+    const size_t length = std::max<size_t>(Utf8Length(text, pos), 1);
+    if (pos + length > kQuoteLimit) break;
+    for (size_t i = 0; i < length; ++i) {
+      AppendEscaped(out, static_cast<unsigned char>(text[pos + i]), true);
+    }
+    pos += length;
+  }
+  out += "'";
+  if (pos < text.size()) out += "...(" + std::to_string(text.size()) + " bytes)";
+  return out;
+}
+
+std::string ValidUtf8(const std::string& text) {
+  std::string out;
+  size_t pos = 0;
+  while (pos < text.size()) {
+    const size_t length = Utf8Length(text, pos);
+    if (length == 0) {
+      const auto c = static_cast<unsigned char>(text[pos]);
+      out += "\\x";
+      out += Hex(c >> 4);
+      out += Hex(c);
+      ++pos;
+      continue;
+    }
+    out.append(text, pos, length);
+    pos += length;
+  }
+  return out;
 }
 
 int StatusForErrno(int err, int fallback) {
@@ -29,16 +139,64 @@ int StatusForFileErrno(int err, int fallback) {
   return StatusForErrno(err, fallback);
 }
 
+namespace {
+
+// `value` with ValidUtf8 applied to every string and member name.
+Json::Value Utf8Only(const Json::Value& value) {
+  switch (value.type()) {
+    case Json::stringValue:
+      return Json::Value(ValidUtf8(value.asString()));
+    case Json::arrayValue: {
+      Json::Value out(Json::arrayValue);
+      for (const Json::Value& item : value) out.append(Utf8Only(item));
+      return out;
+    }
+    case Json::objectValue: {
+      Json::Value out(Json::objectValue);
+      for (auto it = value.begin(); it != value.end(); ++it) {
+        out[ValidUtf8(it.name())] = Utf8Only(*it);
+      }
+      return out;
+    }
+    default:
+      return value;
+  }
+}
+
+}  // namespace
+
 void PrintJson(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
   builder["emitUTF8"] = true;
-  std::cout << Json::writeString(builder, value) << '\n';
+  std::cout << Json::writeString(builder, Utf8Only(value)) << '\n';
 }
 
 void Verbose(const Context& ctx, const std::string& text) {
-  if (ctx.verbose) std::cout << text << '\n';
+  if (!ctx.verbose) return;
+  if (ctx.json) {
+    Json::Value out(Json::objectValue);
+    out["done"] = text;
+    PrintJson(out);
+  } else {
+    std::cout << text << '\n';
+  }
+  // A command that runs next (lock) writes to the same output.
+  std::cout.flush();
 }
+
+CLI::Validator Decimal(uint64_t min, uint64_t max) {
+  const std::string range = std::to_string(min) + " to " + std::to_string(max);
+  return CLI::Validator(
+      [min, max, range](std::string& text) -> std::string {
+        uint64_t value = 0;
+        if (ParseUnsigned(text, max, value) && value >= min) return std::string();
+        return "expects a decimal number from " + range + ", not " + Quote(text);
+      },
+      "decimal " + range, "Decimal");
+}
+
+void SetStatuses(CLI::App* cmd, const std::string& text) { cmd->footer("Exit status: " + text); }
 
 bool ParseUnsigned(const std::string& text, uint64_t max, uint64_t& value) {
   if (text.empty() || text.size() > 20) return false;
@@ -59,7 +217,8 @@ constexpr char kFooter[] =
     "Exit status: 0 done; 1 the operation failed (see the system log, facility local1); "
     "2 bad command line; 3 unknown key, service, user, item or file; 4 a server could not "
     "be reached or did not answer; 5 permission denied; 6 the lock was still held when "
-    "lock --timeout ran out. `lock` otherwise exits with the command's status (126 cannot run it, "
+    "lock --timeout ran out; 7 pop3 start or start-all found the service off and started no "
+    "daemon. `lock` otherwise exits with the command's status (126 cannot run it, "
     "127 not found, 128+N killed by signal N).";
 
 // The deepest subcommand that the parser reached.
@@ -68,21 +227,63 @@ const CLI::App* Deepest(const CLI::App* app) {
   return app;
 }
 
-// Its command path, for the hint after an error.
+// The names of the positionals of `app`, each after a blank.
+std::string PositionalNames(const CLI::App* app) {
+  std::string names;
+  for (const CLI::Option* opt :
+       app->get_options([](const CLI::Option* o) { return o->get_positional(); })) {
+    names += " " + opt->get_name();
+  }
+  return names;
+}
+
+// Its command path, for the hint after an error: the levels above the
+// deepest show their positionals, as the usage lines do
+// ("velmoractl pop3 NAME set").
 std::string ParsedPath(const CLI::App* app) {
   std::string path = app->get_name();
-  for (const CLI::App* sub : app->get_subcommands()) return path + " " + ParsedPath(sub);
+  for (const CLI::App* sub : app->get_subcommands()) {
+    return path + PositionalNames(app) + " " + ParsedPath(sub);
+  }
   return path;
 }
 
-// CLI11 messages may span lines; velmoractl reports every error on one line.
-std::string OneLine(std::string text) {
+// Longest parser message repeated on stderr; CLI11 messages may echo a
+// whole argument.
+constexpr size_t kMessageLimit = 400;
+
+// A parser message as one line of at most about kMessageLimit bytes: line
+// breaks become blanks, other control bytes are escaped.
+std::string ParserMessage(std::string text) {
   for (char& c : text) {
     if (c == '\n' || c == '\r') c = ' ';
   }
   while (!text.empty() && text.back() == ' ') text.pop_back();
-  return text;
+  if (text.size() > kMessageLimit) {
+    size_t cut = kMessageLimit;
+    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xc0) == 0x80) --cut;
+    text = text.substr(0, cut) + "...";
+  }
+  return OneLine(text);
 }
+
+// Usage lines name the positionals of every level above the command too,
+// as in "velmoractl pop3 NAME status".
+class UsageFormatter : public CLI::Formatter {
+ public:
+  std::string make_usage(const CLI::App* app, std::string) const override {
+    std::vector<const CLI::App*> chain;
+    for (const CLI::App* up = app->get_parent(); up != nullptr; up = up->get_parent()) {
+      chain.insert(chain.begin(), up);
+    }
+    std::string name;
+    for (const CLI::App* level : chain) {
+      name += (name.empty() ? "" : " ") + level->get_name() + PositionalNames(level);
+    }
+    name += (name.empty() ? "" : " ") + app->get_name();
+    return CLI::Formatter::make_usage(app, name);
+  }
+};
 
 }  // namespace
 }  // namespace velmoractl
@@ -94,6 +295,7 @@ int main(int argc, char** argv) {
       "Command-line access to libvelmora: key routing, settings, the POP3 fetch "
       "service, the quota store, key=value files, locks, query sockets and memcached.",
       "velmoractl"};
+  app.formatter(std::make_shared<UsageFormatter>());
   app.require_subcommand(1);
   // Global flags are accepted before or after the subcommand.
   app.fallthrough();
@@ -125,12 +327,12 @@ int main(int argc, char** argv) {
       return app.exit(e);
     }
     // A word that is no subcommand reads better as such than as a missing one.
-    std::string message = OneLine(e.what());
+    std::string message = ParserMessage(e.what());
     const CLI::App* deepest = Deepest(&app);
     const std::vector<std::string> extra = app.remaining(true);
     if (deepest->get_require_subcommand_min() > 0 && deepest->get_subcommands().empty() &&
         !extra.empty()) {
-      message = "unknown command '" + extra.front() + "'";
+      message = "unknown command " + Quote(extra.front());
     }
     std::cerr << "velmoractl: " << message << " (see '" << ParsedPath(&app) << " --help')"
               << std::endl;

@@ -529,8 +529,7 @@ void AddSettingsCommands(CLI::App& app, Context& ctx) {
                                  ->type_name("yes|no");
   // period * 60 must fit the daemon interval's 32 bits.
   CLI::Option* period_opt =
-      set->add_option("--period", *period, "Polling period in minutes (1 to 71582788)")
-          ->check(CLI::Range(1u, 71582788u))
+      AddNumber(set, "--period", *period, 1, 71582788, "Polling period in minutes (1 to 71582788)")
           ->type_name("MIN");
   set->require_option(1, 0);
   set->callback([&ctx, name, enabled, period, enabled_opt, period_opt] {

@@ -80,7 +80,8 @@ void AddNumberCommands(CLI::App& quota, Context& ctx, const char* name, const ch
   auto number = std::make_shared<unsigned long long>(0);
   CLI::App* set = cmd->add_subcommand("set", std::string("Store the user's ") + what);
   set->add_option("USER", *set_user, "User name")->required();
-  set->add_option("N", *number, "Unsigned number")->required()->check(CLI::NonNegativeNumber);
+  AddNumber(set, "N", *number, 0, UINT64_MAX, "Decimal number from 0 to 18446744073709551615")
+      ->required();
   set->callback([&ctx, set_user, number, warning, name] {
     auto client = ConnectQuota(ctx);
     if (!client) return;
@@ -270,8 +271,10 @@ void AddMemcachedCommands(CLI::App& app, Context& ctx) {
   CLI::App* set = mc->add_subcommand("set", "Store an item");
   set->add_option("KEY", *set_key, "Item key")->required();
   set->add_option("VALUE", *set_value, "Value")->required();
-  set->add_option("--expire", *expire, "Seconds to live (0: never expires)")->type_name("S");
-  set->add_option("--flags", *flags, "Client flags stored with the item")->type_name("N");
+  AddNumber(set, "--expire", *expire, 0, UINT32_MAX, "Seconds to live (0: never expires)")
+      ->type_name("S");
+  AddNumber(set, "--flags", *flags, 0, UINT32_MAX, "Client flags stored with the item")
+      ->type_name("N");
   set->callback([&ctx, target, set_key, set_value, expire, flags] {
     auto client = OpenMemcached(ctx, *target);
     if (!client) return;

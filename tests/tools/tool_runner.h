@@ -1,0 +1,52 @@
+// Runs the installed velmoractl as a separate program (as root or as a test
+// user) and reads what it printed, for the velmoractl test binaries.
+#ifndef VELMORA_TESTS_TOOLS_TOOL_RUNNER_H_
+#define VELMORA_TESTS_TOOLS_TOOL_RUNNER_H_
+
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include "gmock/gmock.h"
+
+namespace velmora {
+namespace test {
+
+struct Result {
+  int status = -1;  // exit status, or 128 + signal
+  std::string out;
+  std::string err;
+};
+
+// Runs the installed velmoractl with `args`, as root or as `user`, with the
+// caller's environment and no input.
+Result Tool(const std::vector<std::string>& args, const std::string& user = "");
+
+// Parses one JSON text; a parse failure fails the test.
+Json::Value ParseJson(const std::string& text);
+
+// Waits until no velmoractl process (a detached restart child) is left.
+bool NoVelmoractlLeft();
+
+// An error is exactly one line on stderr, headed by the program's name.
+MATCHER(OneErrorLine, "is one line starting with \"velmoractl: \"") {
+  return arg.compare(0, 12, "velmoractl: ") == 0 && arg.find('\n') == arg.size() - 1;
+}
+
+// A log line of the library written from the velmoractl process:
+// "<module>:<line>: velmoractl: <message>" at `priority`.
+MATCHER_P3(ToolLine, priority, module, message,
+           "is <" + std::to_string(priority) + "> " + std::string(module) +
+               ":<line>: velmoractl: " + std::string(message)) {
+  const std::string head = std::string(module) + ":";
+  if (arg.priority != priority || arg.text.compare(0, head.size(), head) != 0) return false;
+  size_t pos = head.size();
+  while (pos < arg.text.size() && isdigit(static_cast<unsigned char>(arg.text[pos]))) ++pos;
+  return pos > head.size() && arg.text.substr(pos) == ": velmoractl: " + std::string(message);
+}
+
+}  // namespace test
+}  // namespace velmora
+
+#endif  // VELMORA_TESTS_TOOLS_TOOL_RUNNER_H_
