@@ -72,6 +72,108 @@ TEST(VelmoractlCli, HelpOnEveryLevelExitsZero) {
   EXPECT_THAT(top.out, HasSubstr("Exit status:"));
 }
 
+// The usage line of every command names the positionals of its own level
+// and of the levels above it, in order.
+TEST(VelmoractlCli, EveryUsageLineShowsItsPositionals) {
+  const std::vector<std::pair<std::vector<std::string>, std::string>> levels = {
+      {{"route"}, "Usage: velmoractl route [OPTIONS] KEY..."},
+      {{"script"}, "Usage: velmoractl script [OPTIONS] SERVICE"},
+      {{"get"}, "Usage: velmoractl get [OPTIONS] NAME..."},
+      {{"pop3", "x", "status"}, "Usage: velmoractl pop3 NAME status [OPTIONS]"},
+      {{"pop3", "x", "start"}, "Usage: velmoractl pop3 NAME start [OPTIONS] USER..."},
+      {{"pop3", "x", "list"}, "Usage: velmoractl pop3 NAME list [OPTIONS]"},
+      {{"quota", "limit", "set"}, "Usage: velmoractl quota limit set [OPTIONS] USER N"},
+      {{"quota", "attr", "set"}, "Usage: velmoractl quota attr set [OPTIONS] USER ATTR VALUE"},
+      {{"kv", "set"}, "Usage: velmoractl kv set [OPTIONS] FILE KEY VALUE"},
+      {{"lock"}, "Usage: velmoractl lock [OPTIONS] FILE COMMAND..."},
+      {{"memcached", "get"}, "Usage: velmoractl memcached get [OPTIONS] KEY"},
+  };
+  for (const auto& level : levels) {
+    std::vector<std::string> args = level.first;
+    args.push_back("--help");
+    Result r = Tool(args);
+    EXPECT_EQ(r.status, 0) << level.second;
+    EXPECT_THAT(r.out, HasSubstr(level.second + "\n")) << r.out;
+  }
+}
+
+// Each command's help ends with the exit statuses it can give.
+TEST(VelmoractlCli, EveryCommandListsItsExitStatuses) {
+  const std::vector<std::vector<std::string>> commands = {{"route"},
+                                                          {"services"},
+                                                          {"script"},
+                                                          {"get"},
+                                                          {"quota", "usage"},
+                                                          {"quota", "limit", "get"},
+                                                          {"quota", "limit", "set"},
+                                                          {"quota", "warning", "set"},
+                                                          {"quota", "attr", "get"},
+                                                          {"quota", "attr", "set"},
+                                                          {"quota", "clear-usage"},
+                                                          {"memcached", "get"},
+                                                          {"memcached", "set"},
+                                                          {"memcached", "delete"}};
+  for (std::vector<std::string> args : commands) {
+    const std::string line = Join(args, std::string(" "));
+    args.push_back("--help");
+    Result r = Tool(args);
+    EXPECT_EQ(r.status, 0) << line;
+    EXPECT_THAT(r.out, HasSubstr("\nExit status: 0 ")) << line;
+    EXPECT_THAT(r.out, HasSubstr(" 2 bad command line")) << line;
+  }
+}
+
+TEST(VelmoractlCli, NumbersAreDecimalDigitsThatFit) {
+  for (const std::string bad : {"99999999999999999999999", "18446744073709551616", "0x10", " 12",
+                                "12 ", "+7", "-0", "1e3", "abc", ""}) {
+    Result r = Tool({"quota", "limit", "set", "alice", bad});
+    EXPECT_EQ(r.status, 2) << bad;
+    EXPECT_EQ(r.out, "") << bad;
+    EXPECT_EQ(r.err,
+              "velmoractl: N: expects a decimal number from 0 to 18446744073709551615, not '" +
+                  bad + "' (see 'velmoractl quota limit set --help')\n")
+        << bad;
+  }
+  for (const auto& args :
+       {std::vector<std::string>{"pop3", "vt", "set", "--period", "010x"},
+        std::vector<std::string>{"lock", "/tmp/l", "--timeout", "+1", "--", "true"},
+        std::vector<std::string>{"query", "/tmp/s", "x", "--timeout", "0x1"},
+        std::vector<std::string>{"memcached", "--server", "h:1", "set", "k", "v", "--expire",
+                                 "4294967296"}}) {
+    Result r = Tool(args);
+    EXPECT_EQ(r.status, 2) << args[0];
+    EXPECT_THAT(r.err, HasSubstr("expects a decimal number from ")) << args[0];
+    EXPECT_THAT(r.err, OneErrorLine()) << args[0];
+  }
+}
+
+// Arguments in messages are quoted with their control bytes escaped and cut
+// after 200 bytes, so every error stays one short line.
+TEST(VelmoractlCli, MessagesQuoteArgumentsOnOneShortLine) {
+  Result newline = Tool({"route", "a\nb\tc\\d\x7f"});
+  EXPECT_EQ(newline.status, 3);
+  EXPECT_EQ(newline.err, "velmoractl: unknown key 'a\\nb\\tc\\\\d\\x7f'\n");
+
+  const std::string huge(100 * 1024, 'k');
+  Result route = Tool({"route", huge});
+  EXPECT_EQ(route.status, 3);
+  EXPECT_EQ(route.err, "velmoractl: unknown key '" + huge.substr(0, 200) + "'...(102400 bytes)\n");
+  // A character is never cut in half: 'é' is two bytes and 201 bytes end
+  // in the middle of the 101st.
+  std::string accents;
+  for (int i = 0; i < 150; ++i) accents += "\xc3\xa9";
+  Result cut = Tool({"route", accents});
+  EXPECT_EQ(cut.err, "velmoractl: unknown key '" + accents.substr(0, 200) + "'...(300 bytes)\n");
+
+  // The parser's own messages are cut as well.
+  Result parser = Tool({"route", "k", "--" + huge});
+  EXPECT_EQ(parser.status, 2);
+  EXPECT_THAT(parser.err, OneErrorLine());
+  EXPECT_LT(parser.err.size(), 500u);
+  Result unknown = Tool({"bo\ngus"});
+  EXPECT_EQ(unknown.err, "velmoractl: unknown command 'bo\\ngus' (see 'velmoractl --help')\n");
+}
+
 TEST(VelmoractlCli, VersionPrintsTheLibraryVersion) {
   Result r = Tool({"--version"});
   EXPECT_EQ(r.status, 0);
@@ -268,6 +370,32 @@ TEST_F(VelmoractlGet, AsksTheConfigurationServiceFirst) {
   EXPECT_EQ(request, "get_value smtp/smtp_enabled");
 }
 
+TEST_F(VelmoractlGet, AnUnknownNameExitsThreeWithoutAskingAnyone) {
+  LogCapture capture;
+  Result r = Tool({"get", "no_such_key", "nosuchtree/key", "smtp/"});
+  EXPECT_EQ(r.status, 3);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err,
+            "velmoractl: unknown setting 'no_such_key'\n"
+            "velmoractl: unknown setting 'nosuchtree/key'\n"
+            "velmoractl: unknown setting 'smtp/'\n");
+  EXPECT_THAT(capture.Records(), IsEmpty());
+  // A known tree with any key is an address the reader can look up.
+  ASSERT_TRUE(WriteFile(kTreeFile, "{\"smtp/other\": \"v\"}"));
+  Result address = Tool({"get", "smtp/other"});
+  EXPECT_EQ(address.status, 0);
+  EXPECT_EQ(address.out, "smtp/other=v\n");
+}
+
+TEST_F(VelmoractlGet, ATreeFileTheUserMayNotReadExitsFive) {
+  ASSERT_TRUE(WriteFile(kTreeFile, "{\"smtp/smtp_enabled\": \"yes\"}", 0600));
+  Result r = Tool({"get", "smtp_enabled"}, "vtuser1");
+  EXPECT_EQ(r.status, 5);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "velmoractl: cannot read the setting 'smtp_enabled': " + std::string(kTreeFile) +
+                       ": permission denied\n");
+}
+
 // ---- User conversion ----
 
 TEST(VelmoractlUser, NameAndUid) {
@@ -357,6 +485,34 @@ TEST_F(VelmoractlQuota, UsageAndClearUsage) {
   EXPECT_EQ(raw_.Get("alice/quota/messages"), "<nil>");
 }
 
+TEST_F(VelmoractlQuota, VerboseFollowsJson) {
+  Result r = Tool({"--json", "-v", "quota", "warning", "set", "alice", "90"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "{\"done\":\"quota warning alice=90\"}\n");
+  Result attr = Tool({"quota", "attr", "set", "alice", "note", "two\nlines", "-v"});
+  EXPECT_EQ(attr.status, 0);
+  EXPECT_EQ(attr.out, "quota attr alice note='two\\nlines'\n");
+  EXPECT_EQ(raw_.Get("userdb/alice/note"), "two\nlines");
+}
+
+TEST_F(VelmoractlQuota, NamesThatWouldAddressAnotherRecordExitTwo) {
+  ASSERT_TRUE(raw_.Put("userdb/alice/quota", "5"));
+  for (const auto& args :
+       {std::vector<std::string>{"quota", "limit", "set", "alice/x", "1"},
+        std::vector<std::string>{"quota", "limit", "get", ""},
+        std::vector<std::string>{"quota", "attr", "set", "alice", "a/quota", "1"},
+        std::vector<std::string>{"quota", "attr", "get", "al\nice", "lang"},
+        std::vector<std::string>{"quota", "usage", "bob", "x/y"},
+        std::vector<std::string>{"quota", "clear-usage", ""}}) {
+    Result r = Tool(args);
+    EXPECT_EQ(r.status, 2) << args[1];
+    EXPECT_EQ(r.out, "");
+    EXPECT_THAT(r.err, OneErrorLine());
+    EXPECT_THAT(r.err, HasSubstr("is empty or holds \"/\" or a control byte"));
+  }
+  EXPECT_EQ(raw_.Get("userdb/alice/quota"), "5");
+}
+
 TEST_F(VelmoractlQuota, AnUnreachableStoreExitsFour) {
   server_->Stop();
   for (const auto& args : {std::vector<std::string>{"quota", "usage", "alice"},
@@ -405,6 +561,29 @@ TEST(VelmoractlQuery, JsonAndUnreachable) {
   EXPECT_EQ(r.out, "");
   EXPECT_THAT(r.err, StartsWith("velmoractl: no answer from " + path));
   EXPECT_THAT(r.err, OneErrorLine());
+}
+
+// Bytes that are not UTF-8 are written as \xHH in a JSON string, so that the
+// line stays valid UTF-8; valid characters pass unchanged.
+TEST(VelmoractlQuery, JsonIsValidUtf8) {
+  ScratchDir scratch;
+  const std::string path = scratch.path() + "/q.sock";
+  OneShotServer server(path, [](int fd) {
+    ReadUntilQuiet(fd, 100);
+    WriteAll(fd,
+             "\xff\xfe"
+             "ok \xc3\xa9 \xc3 \xed\xa0\x80 \xf4\x90\x80\x80\x01",
+             4096);
+    close(fd);
+  });
+  ASSERT_TRUE(server.bound());
+  Result r = Tool({"--json", "query", path, "x"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out,
+            "{\"response\":\"\\\\xff\\\\xfeok \xc3\xa9 \\\\xc3 \\\\xed\\\\xa0\\\\x80 "
+            "\\\\xf4\\\\x90\\\\x80\\\\x80\\u0001\"}\n");
+  EXPECT_EQ(ParseJson(r.out)["response"].asString(),
+            "\\xff\\xfeok \xc3\xa9 \\xc3 \\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80\x01");
 }
 
 TEST(VelmoractlQuery, AServerThatStallsTimesOut) {
@@ -477,11 +656,40 @@ TEST_F(VelmoractlMemcached, SetGetDeleteOverTcpAndUnixSocket) {
   }
 }
 
+TEST_F(VelmoractlMemcached, KeysTheProtocolCannotCarryExitTwo) {
+  for (const std::string& key : {std::string("key with space"), std::string(""),
+                                std::string("tab\tkey"), std::string(251, 'k')}) {
+    for (const char* cmd : {"get", "set", "delete"}) {
+      std::vector<std::string> args{"memcached", "--server", "127.0.0.1:11411", cmd, key};
+      if (std::string(cmd) == "set") args.push_back("v");
+      Result r = Tool(args);
+      EXPECT_EQ(r.status, 2) << cmd << " " << key.size();
+      EXPECT_THAT(r.err, OneErrorLine());
+      EXPECT_THAT(r.err, HasSubstr("a memcached key is 1 to 250 bytes without blanks or control "
+                                   "bytes, not "));
+    }
+  }
+  // 250 bytes is still a key.
+  const std::string longest(250, 'k');
+  EXPECT_EQ(Tool({"memcached", "--server", "127.0.0.1:11411", "set", longest, "v"}).status, 0);
+  EXPECT_EQ(Tool({"memcached", "--server", "127.0.0.1:11411", "get", longest}).out, "v\n");
+}
+
+TEST_F(VelmoractlMemcached, ASocketTheUserMayNotOpenExitsFive) {
+  ASSERT_EQ(chmod(kSocket, 0600), 0);
+  Result r = Tool({"memcached", "--socket", kSocket, "get", "k"}, "vtuser1");
+  EXPECT_EQ(r.status, 5);
+  EXPECT_EQ(r.err, "velmoractl: memcached at '" + std::string(kSocket) + "': permission denied\n");
+  ASSERT_EQ(chmod(kSocket, 0666), 0);
+  Result allowed = Tool({"memcached", "--socket", kSocket, "get", "absent"}, "vtuser1");
+  EXPECT_EQ(allowed.status, 3);
+}
+
 TEST_F(VelmoractlMemcached, AStoppedServerExitsFour) {
   tcp_->Stop();
   Result r = Tool({"memcached", "--server", "127.0.0.1:11411", "get", "k"});
   EXPECT_EQ(r.status, 4);
-  EXPECT_THAT(r.err, StartsWith("velmoractl: memcached at 127.0.0.1:11411: "));
+  EXPECT_THAT(r.err, StartsWith("velmoractl: memcached at '127.0.0.1:11411': "));
   EXPECT_THAT(r.err, OneErrorLine());
   unix_->Stop();
   Result u = Tool({"memcached", "--socket", kSocket, "set", "k", "v"});
