@@ -586,6 +586,24 @@ TEST(VelmoractlQuery, JsonIsValidUtf8) {
             "\\xff\\xfeok \xc3\xa9 \\xc3 \\xed\\xa0\\x80 \\xf4\\x90\\x80\\x80\x01");
 }
 
+TEST(VelmoractlQuery, ASocketTheUserMayNotOpenExitsFive) {
+  ScratchDir scratch;
+  ASSERT_EQ(chmod(scratch.path().c_str(), 0755), 0);
+  const std::string path = scratch.path() + "/q.sock";
+  OneShotServer server(path, [](int fd) {
+    ReadUntilQuiet(fd, 100);
+    WriteAll(fd, "ok", 4096);
+    close(fd);
+  });
+  ASSERT_TRUE(server.bound());
+  ASSERT_EQ(chmod(path.c_str(), 0600), 0);
+  Result r = Tool({"query", path, "x"}, "vtuser1");
+  EXPECT_EQ(r.status, 5);
+  EXPECT_EQ(r.out, "");
+  EXPECT_THAT(r.err, OneErrorLine());
+  EXPECT_THAT(r.err, HasSubstr("Permission denied"));
+}
+
 TEST(VelmoractlQuery, AServerThatStallsTimesOut) {
   ScratchDir scratch;
   const std::string path = scratch.path() + "/q.sock";
