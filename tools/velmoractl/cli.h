@@ -97,6 +97,7 @@ void AddConfigCommands(CLI::App& app, Context& ctx);    // route, services, scri
 void AddSettingsCommands(CLI::App& app, Context& ctx);  // features, pop3, user
 void AddStoreCommands(CLI::App& app, Context& ctx);     // quota, memcached
 void AddFileCommands(CLI::App& app, Context& ctx);      // kv, lock, query
+void AddCompleteCommands(CLI::App& app, Context& ctx);
 
 }  // namespace velmoractl
 

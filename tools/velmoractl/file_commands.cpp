@@ -16,6 +16,7 @@
 #include <velmora/socket.h>
 
 #include "cli.h"
+#include "kv_edit.h"
 
 extern char** environ;
 
@@ -30,7 +31,7 @@ bool ReadFile(Context& ctx, velmora::sdk::FileKeyValue& file, const std::string&
   if (file.ReadKeyValues(kTableSize, "=")) return true;
   const int err = errno;
   Fail(ctx, StatusForFileErrno(err, kFailed),
-       "cannot read " + path + (err != 0 ? std::string(": ") + std::strerror(err) : ""));
+       "cannot read " + Quote(path) + (err != 0 ? std::string(": ") + std::strerror(err) : ""));
   return false;
 }
 
@@ -38,7 +39,7 @@ void KvGet(Context& ctx, const std::string& path, const std::string& key) {
   velmora::sdk::FileKeyValue file(path);
   if (!ReadFile(ctx, file, path)) return;
   if (!file.Contains(key)) {
-    Fail(ctx, kNotFound, "no key '" + key + "' in " + path);
+    Fail(ctx, kNotFound, "no key " + Quote(key) + " in " + Quote(path));
     return;
   }
   const std::string value = file.Get(key);
@@ -50,24 +51,6 @@ void KvGet(Context& ctx, const std::string& path, const std::string& key) {
   } else {
     std::cout << value << '\n';
   }
-}
-
-void KvSet(Context& ctx, const std::string& path, const std::string& key,
-           const std::string& value) {
-  velmora::sdk::FileKeyValue file(path);
-  if (!ReadFile(ctx, file, path)) return;
-  if (!file.Update(key, value)) {
-    Fail(ctx, kFailed, "cannot set '" + key + "' in " + path);
-    return;
-  }
-  errno = 0;
-  if (!file.Write()) {
-    const int err = errno;
-    Fail(ctx, StatusForFileErrno(err, kFailed),
-         "cannot write " + path + (err != 0 ? std::string(": ") + std::strerror(err) : ""));
-    return;
-  }
-  Verbose(ctx, "set " + key + " in " + path);
 }
 
 // Runs `command` and waits for it. While it runs, an interrupt or quit from
@@ -114,7 +97,7 @@ int RunCommand(Context& ctx, const std::vector<std::string>& command) {
   int result = kOk;
   if (rc != 0) {
     result = Fail(ctx, rc == ENOENT ? 127 : 126,
-                  "cannot run '" + command[0] + "': " + std::strerror(rc));
+                  "cannot run " + Quote(command[0]) + ": " + std::strerror(rc));
   } else {
     g_child = pid;
     int status = 0;
@@ -183,10 +166,11 @@ void Lock(Context& ctx, const std::string& path, const LockOptions& options,
   if (!held) {
     if (g_timed_out) {
       Fail(ctx, kLockBusy,
-           "the lock " + path + " is still held after " + std::to_string(options.timeout) + " s");
+           "the lock " + Quote(path) + " is still held after " + std::to_string(options.timeout) +
+               " s");
     } else {
       Fail(ctx, StatusForFileErrno(err, kFailed),
-           "cannot lock " + path + (err != 0 ? std::string(": ") + std::strerror(err) : ""));
+           "cannot lock " + Quote(path) + (err != 0 ? std::string(": ") + std::strerror(err) : ""));
     }
     return;
   }
@@ -221,18 +205,39 @@ void AddFileCommands(CLI::App& app, Context& ctx) {
   kv->require_subcommand(1);
   auto get_file = std::make_shared<std::string>();
   auto get_key = std::make_shared<std::string>();
-  CLI::App* kv_get = kv->add_subcommand("get", "Print the value of KEY in FILE");
+  CLI::App* kv_get = kv->add_subcommand(
+      "get",
+      "Print the value of KEY in FILE as the library reads it: split at the first '=', one "
+      "pair of double quotes removed, the last line of a repeated key wins");
   kv_get->add_option("FILE", *get_file, "key=value file")->required();
   kv_get->add_option("KEY", *get_key, "Key")->required();
+  SetStatuses(kv_get,
+              "0 printed; 2 bad command line; 3 no such key or file; 5 permission denied; "
+              "1 the file could not be read otherwise");
   kv_get->callback([&ctx, get_file, get_key] { KvGet(ctx, *get_file, *get_key); });
   auto set_file = std::make_shared<std::string>();
   auto set_key = std::make_shared<std::string>();
   auto set_value = std::make_shared<std::string>();
   CLI::App* kv_set = kv->add_subcommand(
-      "set", "Set KEY to VALUE in the existing FILE, replacing the file atomically");
+      "set",
+      "Set KEY to VALUE in the existing FILE: only the line of KEY changes (its last line, "
+      "the one that is read), or KEY=VALUE is added at the end; the file is replaced "
+      "atomically with its owner, group and mode, a link to it kept");
   kv_set->add_option("FILE", *set_file, "key=value file (must exist)")->required();
-  kv_set->add_option("KEY", *set_key, "Key")->required();
-  kv_set->add_option("VALUE", *set_value, "Value")->required();
+  kv_set
+      ->add_option("KEY", *set_key,
+                   "Key: not empty, without '=', a leading '#', a line break or a carriage "
+                   "return")
+      ->required();
+  kv_set
+      ->add_option("VALUE", *set_value,
+                   "Value, read back exactly; without a line break or a carriage return")
+      ->required();
+  SetStatuses(kv_set,
+              "0 done; 2 bad command line, or a key or value that the file cannot hold; "
+              "3 no such file; 5 permission denied (reading the file, creating a file in its "
+              "directory, or giving that file the owner of FILE); 1 any other failure. On "
+              "failure FILE is left as it was.");
   kv_set->callback(
       [&ctx, set_file, set_key, set_value] { KvSet(ctx, *set_file, *set_key, *set_value); });
 
@@ -253,6 +258,11 @@ void AddFileCommands(CLI::App& app, Context& ctx) {
           ->type_name("S");
   retries_opt->excludes(timeout_opt);
   lock->add_option("COMMAND", *command, "Command and its arguments, after --")->required();
+  SetStatuses(lock,
+              "the command's own status once it ran (126 it cannot be run, 127 not found, "
+              "128+N killed by signal N); before it runs: 2 bad command line; 3 the lock "
+              "file's directory is missing; 5 permission denied; 6 the lock was still held "
+              "when --timeout ran out; 1 the lock could not be taken otherwise.");
   lock->callback([&ctx, lock_file, options, retries_opt, command] {
     options->retry = retries_opt->count() > 0;
     Lock(ctx, *lock_file, *options, *command);

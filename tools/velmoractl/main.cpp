@@ -307,6 +307,7 @@ int main(int argc, char** argv) {
   AddSettingsCommands(app, ctx);
   AddStoreCommands(app, ctx);
   AddFileCommands(app, ctx);
+  AddCompleteCommands(app, ctx);
   // Set last so that only the top level shows it (subcommands copy it).
   app.footer(kFooter);
 
