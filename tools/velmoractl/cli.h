@@ -61,7 +61,8 @@ int StatusForFileErrno(int err, int fallback);
 void PrintJson(const Json::Value& value);
 
 // When --verbose was given, reports what a write command did: `text` and a
-// newline, or with --json the line {"done":"<text>"}. Flushed at once.
+// newline (control bytes escaped, so it stays one line), or with --json
+// the line {"done":"<text>"}. Flushed at once.
 void Verbose(const Context& ctx, const std::string& text);
 
 // Parses an unsigned decimal number that fits `max`; false for anything else

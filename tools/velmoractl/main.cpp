@@ -179,7 +179,7 @@ void Verbose(const Context& ctx, const std::string& text) {
     out["done"] = text;
     PrintJson(out);
   } else {
-    std::cout << text << '\n';
+    std::cout << OneLine(text) << '\n';
   }
   // A command that runs next (lock) writes to the same output.
   std::cout.flush();
@@ -215,7 +215,8 @@ namespace {
 
 constexpr char kFooter[] =
     "Exit status: 0 done; 1 the operation failed (see the system log, facility local1); "
-    "2 bad command line; 3 unknown key, service, user, item or file; 4 a server could not "
+    "2 bad command line (anything judged before acting); 3 unknown key, setting, service, "
+    "user, item, file or POP3 instance; 4 a server could not "
     "be reached or did not answer; 5 permission denied; 6 the lock was still held when "
     "lock --timeout ran out; 7 pop3 start or start-all found the service off and started no "
     "daemon. `lock` otherwise exits with the command's status (126 cannot run it, "
