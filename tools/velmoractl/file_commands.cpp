@@ -185,7 +185,8 @@ void Query(Context& ctx, const std::string& socket, const std::string& request, 
     const int err = errno;
     const int status = err == EACCES || err == EPERM ? kDenied : kUnreachable;
     Fail(ctx, status,
-         "no answer from " + socket + (err != 0 ? std::string(": ") + std::strerror(err) : ""));
+         "no answer from " + Quote(socket) +
+             (err != 0 ? std::string(": ") + std::strerror(err) : ""));
     return;
   }
   if (ctx.json) {
@@ -279,6 +280,11 @@ void AddFileCommands(CLI::App& app, Context& ctx) {
             "Seconds for each send and receive (0: no limit; default 10)")
       ->type_name("S");
   query->callback([&ctx, socket, request, timeout] { Query(ctx, *socket, *request, *timeout); });
+  SetStatuses(
+      query,
+      "0 the answer was printed (an empty one too); 4 no server answered on SOCKET (missing "
+      "socket, refused connection, a send or receive that failed or timed out); 5 the socket "
+      "may not be opened; 2 bad command line.");
 }
 
 }  // namespace velmoractl
