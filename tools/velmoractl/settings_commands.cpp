@@ -2,20 +2,28 @@
 // service of one instance, and user id/name conversion.
 #include <errno.h>
 #include <fcntl.h>
+#include <pthread.h>
+#include <pwd.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
+#include <velmora/common.h>
+#include <velmora/file.h>
 #include <velmora/settings.h>
 #include <velmora/user.h>
 
@@ -27,6 +35,14 @@ namespace {
 using velmora::settings::Pop3Control;
 using velmora::settings::record::GlobalPOP3Config;
 using velmora::settings::record::VelmoraConfig;
+
+// The client settings file and its directory, as settings.h names them.
+constexpr char kSettingsDir[] = "/var/packages/Velmora-Server/etc/velmora/";
+constexpr char kClientConf[] = "/var/packages/Velmora-Server/etc/velmora/quillbox.conf";
+// The table size and separator with which the library reads that file.
+constexpr int kKeyTableSize = 1024;
+// The account that the library hands the lock and the service's files to.
+constexpr char kPackageAccount[] = "Velmora-Server";
 
 // The switches by their key in the client settings file, in record order.
 struct Switch {
@@ -46,7 +62,72 @@ constexpr Switch kSwitches[] = {
 
 const char* YesNo(bool on) { return on ? "yes" : "no"; }
 
-void FeaturesGet(const Context& ctx) {
+std::string Reason(int err) { return std::string(": ") + std::strerror(err); }
+
+// "path/to/file" -> "path/to/" (the directory with its slash).
+std::string DirOf(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
+
+// ---- Files the library reads or writes ----
+
+// The library takes a settings file that it cannot read for a missing one
+// (the defaults). This tells them apart first: true when `path` is missing
+// or a regular file that the caller may open for reading; otherwise fails
+// with 5 (permission) or 1 (not a file, other errors).
+bool CheckReadable(Context& ctx, const std::string& path, const std::string& what) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+  if (fd < 0) {
+    const int err = errno;
+    if (err == ENOENT || err == ENOTDIR) return true;
+    Fail(ctx, StatusForErrno(err, kFailed), "cannot read " + what + ": " + path + Reason(err));
+    return false;
+  }
+  struct stat st;
+  const bool regular = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+  close(fd);
+  if (!regular) {
+    Fail(ctx, kFailed, "cannot read " + what + ": " + path + " is not a regular file");
+    return false;
+  }
+  return true;
+}
+
+// True when the caller may create and rename files in the directory `dir`;
+// otherwise false with errno set (access(2) with the real ids, which are the
+// effective ones: the tool is not set-id).
+bool CanWriteIn(const std::string& dir) { return access(dir.c_str(), W_OK | X_OK) == 0; }
+
+// True when `gid` is the caller's effective or a supplementary group.
+bool InGroup(gid_t gid) {
+  if (gid == getegid()) return true;
+  const int count = getgroups(0, nullptr);
+  if (count <= 0) return false;
+  std::vector<gid_t> groups(static_cast<size_t>(count));
+  const int got = getgroups(count, groups.data());
+  return got > 0 && std::find(groups.begin(), groups.begin() + got, gid) != groups.begin() + got;
+}
+
+// The uid of the package account; false when it has none.
+bool PackageAccount(uid_t& uid) {
+  long hint = sysconf(_SC_GETPW_R_SIZE_MAX);
+  std::vector<char> buf(hint > 0 ? static_cast<size_t>(hint) : 1024);
+  for (;;) {
+    struct passwd pw;
+    struct passwd* found = nullptr;
+    const int rc = getpwnam_r(kPackageAccount, &pw, buf.data(), buf.size(), &found);
+    if (rc == ERANGE && buf.size() < (1u << 20)) {
+      buf.resize(buf.size() * 2);
+      continue;
+    }
+    if (rc != 0 || found == nullptr) return false;
+    uid = found->pw_uid;
+    return true;
+  }
+}
+
+// ---- Client feature switches ----
+
+void FeaturesGet(Context& ctx) {
+  if (!CheckReadable(ctx, kClientConf, "the client switches")) return;
   const VelmoraConfig config = velmora::settings::GetVelmoraConfig();
   const long logo = velmora::settings::GetCustomLogoVersion();
   if (ctx.json) {
@@ -60,8 +141,65 @@ void FeaturesGet(const Context& ctx) {
   std::cout << "custom_logo_version=" << logo << '\n';
 }
 
+// Why a caller other than root could not store the client switches; ""
+// when nothing is in the way. SetVelmoraConfig creates the missing
+// directories, reads the file, writes a new file beside it with the old
+// one's owner and group and renames it over the old one.
+std::string StoreObstacle() {
+  std::string dir = kSettingsDir;
+  struct stat st;
+  if (stat(kSettingsDir, &st) != 0) {
+    // MkDir creates every missing level below the deepest existing one.
+    while (dir.size() > 1 && stat(dir.c_str(), &st) != 0) {
+      dir = DirOf(dir.substr(0, dir.size() - 1));
+    }
+  }
+  if (!CanWriteIn(dir)) return "no write access to " + dir;
+  // Reading it was checked before.
+  if (stat(kClientConf, &st) != 0) return "";
+  // Only root may give the new file another owner or a foreign group.
+  if (st.st_uid != geteuid() || !InGroup(st.st_gid)) {
+    return std::string(kClientConf) + " belongs to another user or group";
+  }
+  return "";
+}
+
+// The identity of a file, to tell whether it was replaced.
+struct FileId {
+  bool exists = false;
+  dev_t dev = 0;
+  ino_t ino = 0;
+};
+
+FileId IdOf(const std::string& path) {
+  FileId id;
+  struct stat st;
+  if (stat(path.c_str(), &st) == 0) {
+    id.exists = true;
+    id.dev = st.st_dev;
+    id.ino = st.st_ino;
+  }
+  return id;
+}
+
+// After a failed SetVelmoraConfig: true when the file was replaced (the
+// library writes a new file and renames it) and now holds every switch as
+// asked, that is when only the propagation failed.
+bool SwitchesStored(const VelmoraConfig& config, const FileId& before) {
+  const FileId now = IdOf(kClientConf);
+  if (!now.exists || (before.exists && now.dev == before.dev && now.ino == before.ino)) {
+    return false;
+  }
+  velmora::sdk::FileKeyValue file(kClientConf);
+  if (!file.ReadKeyValues(kKeyTableSize, "=")) return false;
+  for (const Switch& s : kSwitches) {
+    if (!file.Contains(s.name) || file.Get(s.name) != YesNo(config.*s.field)) return false;
+  }
+  return true;
+}
+
 void FeaturesSet(Context& ctx, const std::vector<std::string>& changes) {
-  VelmoraConfig config = velmora::settings::GetVelmoraConfig();
+  std::vector<std::pair<const Switch*, bool>> parsed;
   for (const std::string& change : changes) {
     const size_t eq = change.find('=');
     const std::string name = change.substr(0, eq);
@@ -71,50 +209,390 @@ void FeaturesSet(Context& ctx, const std::vector<std::string>& changes) {
       if (name == s.name) found = &s;
     }
     if (found == nullptr) {
-      Fail(ctx, kUsage, "unknown switch '" + name + "' (see 'velmoractl features get')");
+      Fail(ctx, kUsage, "unknown switch " + Quote(name) + " (see 'velmoractl features get')");
       return;
     }
     if (value != "yes" && value != "no") {
-      Fail(ctx, kUsage, "switch '" + name + "' takes yes or no, not '" + value + "'");
+      Fail(ctx, kUsage, "switch " + Quote(name) + " takes yes or no, not " + Quote(value));
       return;
     }
-    config.*found->field = value == "yes";
+    parsed.emplace_back(found, value == "yes");
   }
-  errno = 0;
-  if (!velmora::settings::SetVelmoraConfig(config)) {
-    Fail(ctx, StatusForErrno(errno, kFailed),
-         "cannot store the client switches (see the system log)");
+  if (!CheckReadable(ctx, kClientConf, "the client switches")) return;
+  if (geteuid() != 0) {
+    const std::string obstacle = StoreObstacle();
+    if (!obstacle.empty()) {
+      Fail(ctx, kDenied, "cannot store the client switches: " + obstacle);
+      return;
+    }
+  }
+  VelmoraConfig asked = velmora::settings::GetVelmoraConfig();
+  for (const auto& change : parsed) asked.*change.first->field = change.second;
+  const FileId before = IdOf(kClientConf);
+  if (!velmora::settings::SetVelmoraConfig(asked)) {
+    if (SwitchesStored(asked, before)) {
+      Fail(ctx, kFailed,
+           "the client switches were stored, but propagating the change failed (see the system "
+           "log)");
+    } else {
+      Fail(ctx, kFailed, "cannot store the client switches (see the system log)");
+    }
     return;
   }
   for (const std::string& change : changes) Verbose(ctx, "set " + change);
 }
 
-// A user given by uid or by name.
-bool ResolveUid(Context& ctx, const std::string& text, uint32_t& uid) {
-  uint64_t value = 0;
-  if (ParseUnsigned(text, UINT32_MAX, value)) {
-    uid = static_cast<uint32_t>(value);
-    return true;
+// ---- POP3 instances ----
+
+constexpr size_t kMaxInstanceName = 64;
+
+// 1 to 64 ASCII letters, digits, '_' and '-', not starting with '-': the
+// name goes into the service's paths (settings, spool, lock).
+bool ValidInstanceName(const std::string& name) {
+  if (name.empty() || name.size() > kMaxInstanceName || name[0] == '-') return false;
+  for (char c : name) {
+    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                    c == '_' || c == '-';
+    if (!ok) return false;
   }
-  uid = velmora::user::ConvertFromUsername(text);
-  if (uid == UINT32_MAX) {
-    Fail(ctx, kNotFound, "unknown user '" + text + "'");
+  return true;
+}
+
+CLI::Validator InstanceName() {
+  return CLI::Validator(
+      [](std::string& text) -> std::string {
+        if (ValidInstanceName(text)) return std::string();
+        return "expects 1 to 64 letters, digits, '_' or '-', not starting with '-'; not " +
+               Quote(text);
+      },
+      "", "InstanceName");
+}
+
+// An instance is known when its settings file or its spool directory
+// spool_root/db (which holds its uid list) exists. Fails with 3 for an
+// unknown one, 5 when that cannot be examined.
+bool CheckKnown(Context& ctx, const std::string& name, const Pop3Control& control) {
+  const std::string db = control.spool_root + "/db";
+  for (const std::string& path : {control.pop3_config_path, db}) {
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0) {
+      if (path != db || S_ISDIR(st.st_mode)) return true;
+      continue;
+    }
+    const int err = errno;
+    if (err != ENOENT && err != ENOTDIR) {
+      Fail(ctx, StatusForErrno(err, kFailed), "cannot examine " + path + Reason(err));
+      return false;
+    }
+  }
+  Fail(ctx, kNotFound, "unknown POP3 instance " + Quote(name));
+  return false;
+}
+
+// The service switch as GetPOP3Config reads it, after making sure that an
+// existing file can be read: the library takes an unreadable one for "off,
+// period 0".
+bool ReadSwitch(Context& ctx, const std::string& name, const Pop3Control& control,
+                GlobalPOP3Config& config) {
+  if (!CheckReadable(ctx, control.pop3_config_path,
+                     "the settings of the POP3 service " + Quote(name))) {
+    return false;
+  }
+  config = control.GetPOP3Config();
+  return true;
+}
+
+// Before an entry point that takes the instance's lock (ForceStart,
+// ForceStop, UidListStart, UidListStop, SetThenRestart): the library tries
+// a lock file that it cannot open again and again for about a minute, a log
+// line each time, and fails when the lock cannot be handed to the package
+// account. Those causes are reported at once instead. `command` heads the
+// messages.
+bool CheckLock(Context& ctx, const std::string& command, const std::string& name,
+               const Pop3Control& control) {
+  const std::string dir = DirOf(control.lock_path);
+  struct stat st;
+  if (stat(dir.c_str(), &st) != 0) {
+    const int err = errno;
+    if (err == ENOENT) {
+      Fail(ctx, kFailed, command + ": the lock directory " + dir + " does not exist");
+    } else {
+      Fail(ctx, StatusForErrno(err, kFailed),
+           command + ": cannot examine the lock directory " + dir + Reason(err));
+    }
+    return false;
+  }
+  if (!S_ISDIR(st.st_mode)) {
+    Fail(ctx, kFailed, command + ": the lock directory " + dir + " is not a directory");
+    return false;
+  }
+  // The open that the library makes, without its O_CREAT, for a lock file
+  // that exists; for a missing one, whether it may be created.
+  const int fd = open(control.lock_path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd >= 0) {
+    close(fd);
+  } else if (errno != ENOENT) {
+    const int err = errno;
+    Fail(ctx, StatusForErrno(err, kFailed),
+         command + ": cannot open the lock file " + control.lock_path + Reason(err));
+    return false;
+  } else if (!CanWriteIn(dir)) {
+    const int err = errno;
+    Fail(ctx, StatusForErrno(err, kFailed),
+         command + ": cannot create the lock file " + control.lock_path + Reason(err));
+    return false;
+  }
+  // The lock is then handed to the package account: root or that account.
+  uid_t account = 0;
+  if (!PackageAccount(account)) {
+    Fail(ctx, kFailed, command + ": the account " + kPackageAccount + " does not exist");
+    return false;
+  }
+  const uid_t self = geteuid();
+  if (self != 0 && self != account) {
+    Fail(ctx, kDenied,
+         command + ": only root and " + kPackageAccount + " may control the POP3 service " +
+             Quote(name));
     return false;
   }
   return true;
 }
 
-bool ResolveUids(Context& ctx, const std::vector<std::string>& users, std::vector<uint32_t>& uids) {
-  for (const std::string& user : users) {
-    uint32_t uid = 0;
-    if (!ResolveUid(ctx, user, uid)) return false;
-    uids.push_back(uid);
+// For a caller other than root: that it may write where `command` writes.
+// `path` is a file that is appended to when it exists (or else created in
+// its directory) when `append`, else one that is replaced through a new
+// file in its directory.
+bool CheckWritable(Context& ctx, const std::string& command, const std::string& path, bool append) {
+  if (geteuid() == 0) return true;
+  std::string target = DirOf(path);
+  bool ok = false;
+  if (append && access(path.c_str(), F_OK) == 0) {
+    target = path;
+    ok = access(path.c_str(), W_OK) == 0;
+  } else {
+    ok = CanWriteIn(target);
+  }
+  if (ok) return true;
+  const int err = errno;
+  Fail(ctx, StatusForErrno(err, kFailed), command + ": cannot write " + target + Reason(err));
+  return false;
+}
+
+// ---- Users ----
+
+// A user given by uid or by name, with an account. With `listed_in`, a
+// uid of its uid list may lack one (a user removed since its daemon was
+// started, who can still be stopped and unlisted).
+bool ResolveUser(Context& ctx, const std::string& text, const Pop3Control* listed_in,
+                 uint32_t& uid) {
+  uint64_t value = 0;
+  if (ParseUnsigned(text, UINT32_MAX, value)) {
+    uid = static_cast<uint32_t>(value);
+    if (!velmora::user::ConvertToUsername(uid).empty()) return true;
+    if (listed_in != nullptr && listed_in->GetPOP3UidSet().count(uid) != 0) return true;
+    Fail(ctx, kNotFound, "no user with the id " + std::to_string(uid));
+    return false;
+  }
+  uid = velmora::user::ConvertFromUsername(text);
+  if (uid == UINT32_MAX) {
+    Fail(ctx, kNotFound, "unknown user " + Quote(text));
+    return false;
   }
   return true;
 }
 
-void Pop3Status(const Context& ctx, const std::string& name) {
-  const GlobalPOP3Config config = Pop3Control(name).GetPOP3Config();
+// ---- Daemon control ----
+
+// Forks made by this process. The library forks a child for each daemon
+// that it starts or stops, and SetThenRestart its restart child once the
+// new switch is stored and propagated; no fork during such a call means
+// that none of that was tried. The programs that it runs are spawned.
+std::atomic<unsigned long> g_forks{0};
+
+void CountFork() { g_forks.fetch_add(1, std::memory_order_relaxed); }
+
+// Registers the counter once; false when that failed.
+bool CountingForks() {
+  static const bool ready = pthread_atfork(CountFork, nullptr, nullptr) == 0;
+  return ready;
+}
+
+// What one daemon control call did.
+struct DaemonRun {
+  bool ok = false;
+  unsigned long forks = 0;
+  std::set<uint32_t> failed;  // uids whose start or stop the library logged as failed
+  bool fork_failed = false;   // some of them because the fork or the wait failed
+};
+
+// A duplicate of `fd` numbered above the standard descriptors, close-on-exec;
+// closes `fd`. -1 on failure.
+int AboveStdio(int fd) {
+  if (fd < 0 || fd > STDERR_FILENO) return fd;
+  const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  close(fd);
+  return moved;
+}
+
+// The daemon children report their result only through the system log. To
+// read those lines, the call runs with LOG_PERROR, which makes syslog(3)
+// also write each line to descriptor 2; that descriptor points into a
+// private in-memory file meanwhile, and the forked children inherit both.
+// The system log receives the same lines as always. Returns the library's
+// lines (the text after "<tag>: "), and passes whatever else landed there
+// (the programs' own messages) on to stderr. False when the copy cannot
+// be set up; `call` has not run then.
+bool RunWithLogCopy(const std::function<void()>& call, std::vector<std::string>& lines, int& err) {
+  const int mem = AboveStdio(memfd_create("velmoractl-log", MFD_CLOEXEC));
+  if (mem < 0) {
+    err = errno;
+    return false;
+  }
+  // The children get a write-only descriptor of their own, so that a
+  // daemon cannot read what others wrote before it.
+  int writer =
+      open(("/proc/self/fd/" + std::to_string(mem)).c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+  if (writer < 0) writer = fcntl(mem, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  writer = AboveStdio(writer);
+  if (writer < 0) {
+    err = errno;
+    close(mem);
+    return false;
+  }
+  // A closed stderr (EBADF) is closed again afterwards.
+  const int saved = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  if (saved < 0 && errno != EBADF) {
+    err = errno;
+    close(writer);
+    close(mem);
+    return false;
+  }
+  std::cerr.flush();
+  dup2(writer, STDERR_FILENO);
+  close(writer);
+  openlog(nullptr, LOG_PERROR, LOG_USER);
+  {
+    const velmora::ScopeGuard restore([saved] {
+      openlog(nullptr, 0, LOG_USER);
+      if (saved >= 0) {
+        dup2(saved, STDERR_FILENO);
+        close(saved);
+      } else {
+        close(STDERR_FILENO);
+      }
+    });
+    call();
+  }
+
+  std::string text;
+  char buf[8192];
+  for (off_t pos = 0;;) {
+    const ssize_t n = pread(mem, buf, sizeof(buf), pos);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    text.append(buf, static_cast<size_t>(n));
+    pos += n;
+  }
+  close(mem);
+
+  const std::string head = std::string(program_invocation_short_name) + ": src/lib/";
+  const size_t tag = std::strlen(program_invocation_short_name) + 2;
+  std::string other;
+  for (size_t start = 0; start < text.size();) {
+    size_t end = text.find('\n', start);
+    end = end == std::string::npos ? text.size() : end + 1;
+    const std::string line = text.substr(start, end - start);
+    if (line.compare(0, head.size(), head) == 0) {
+      lines.push_back(line.substr(tag, line.size() - tag - (line.back() == '\n' ? 1 : 0)));
+    } else {
+      other += line;
+    }
+    start = end;
+  }
+  if (!other.empty()) std::cerr << other << std::flush;
+  return true;
+}
+
+// The uid in `message` when it is `before`, a decimal number (the library
+// prints some uids as signed ints) and `after`.
+bool UidBetween(const std::string& message, const std::string& before, const std::string& after,
+                uint32_t& uid) {
+  if (message.size() <= before.size() + after.size() ||
+      message.compare(0, before.size(), before) != 0 ||
+      message.compare(message.size() - after.size(), after.size(), after) != 0) {
+    return false;
+  }
+  std::string number = message.substr(before.size(), message.size() - before.size() - after.size());
+  const bool negative = number[0] == '-';
+  if (negative) number.erase(0, 1);
+  uint64_t value = 0;
+  if (!ParseUnsigned(number, negative ? 0x80000000u : UINT32_MAX, value)) return false;
+  uid = static_cast<uint32_t>(negative ? (0x100000000u - value) : value);
+  return true;
+}
+
+// Files the uids that the library's lines name as failed. A daemon child
+// logs "<Start|Stop> POP3Daemon for user(UID) error" when its start or stop
+// failed; the parent logs a line of its own when the fork or the wait
+// failed.
+void CollectFailures(const std::vector<std::string>& lines, bool start, DaemonRun& run) {
+  const std::string head = "src/lib/settings/velmora:";
+  const std::string self = ": " + velmora::sdk::GetProcessName() + ": ";
+  const std::string verb = start ? "Start" : "Stop";
+  for (const std::string& line : lines) {
+    if (line.compare(0, head.size(), head) != 0) continue;
+    size_t pos = head.size();
+    while (pos < line.size() && line[pos] >= '0' && line[pos] <= '9') ++pos;
+    if (pos == head.size() || line.compare(pos, self.size(), self) != 0) continue;
+    const std::string message = line.substr(pos + self.size());
+    uint32_t uid = 0;
+    if (UidBetween(message, verb + " POP3Daemon for user(", ") error", uid)) {
+      run.failed.insert(uid);
+    } else if ((start && UidBetween(message, "Start ", " fetch mail daemon fail", uid)) ||
+               (!start && UidBetween(message, "Stop ", " fetchmail daemon fail", uid)) ||
+               UidBetween(message, verb + " fetch daemon (", ") fail", uid)) {
+      run.failed.insert(uid);
+      run.fork_failed = true;
+    }
+  }
+}
+
+// Runs a daemon control call of the library and learns what it did.
+bool RunDaemons(Context& ctx, const std::string& command, bool start,
+                const std::function<bool()>& call, DaemonRun& run) {
+  if (!CountingForks()) {
+    Fail(ctx, kFailed, command + ": cannot count the daemon children");
+    return false;
+  }
+  std::vector<std::string> lines;
+  int err = 0;
+  const unsigned long forks = g_forks.load();
+  if (!RunWithLogCopy([&] { run.ok = call(); }, lines, err)) {
+    Fail(ctx, kFailed, command + ": cannot read the results of the daemon children" + Reason(err));
+    return false;
+  }
+  run.forks = g_forks.load() - forks;
+  CollectFailures(lines, start, run);
+  return true;
+}
+
+std::string UidList(const std::vector<uint32_t>& uids) {
+  std::string text;
+  for (uint32_t uid : uids) text += (text.empty() ? "" : " ") + std::to_string(uid);
+  return text;
+}
+
+// "the daemon of 61001" or "the daemons of 61001 61003".
+std::string DaemonsOf(const std::set<uint32_t>& uids) {
+  return std::string(uids.size() == 1 ? "the daemon of " : "the daemons of ") +
+         UidList(std::vector<uint32_t>(uids.begin(), uids.end()));
+}
+
+void Pop3Status(Context& ctx, const std::string& name) {
+  const Pop3Control control(name);
+  if (!CheckKnown(ctx, name, control)) return;
+  GlobalPOP3Config config{};
+  if (!ReadSwitch(ctx, name, control, config)) return;
   if (ctx.json) {
     Json::Value out(Json::objectValue);
     out["enabled"] = config.enabled;
@@ -127,44 +605,146 @@ void Pop3Status(const Context& ctx, const std::string& name) {
 
 void Pop3Set(Context& ctx, const std::string& name, const std::string& enabled, bool has_enabled,
              uint32_t period, bool has_period) {
+  const std::string command = "pop3 " + name + " set";
   const Pop3Control control(name);
-  GlobalPOP3Config config = control.GetPOP3Config();
+  if (!CheckLock(ctx, command, name, control)) return;
+  GlobalPOP3Config config{};
+  if (!ReadSwitch(ctx, name, control, config)) return;
+  if (!CheckWritable(ctx, command, control.pop3_config_path, false)) return;
+  if (!CountingForks()) {
+    Fail(ctx, kFailed, command + ": cannot count the restart child");
+    return;
+  }
   if (has_enabled) config.enabled = enabled == "yes";
   if (has_period) config.period = period;
-  errno = 0;
-  if (!control.SetThenRestart(config)) {
-    Fail(ctx, StatusForErrno(errno, kFailed),
-         "cannot change the POP3 service '" + name + "' (see the system log)");
+  const std::string wanted =
+      "enabled=" + std::string(YesNo(config.enabled)) + " period=" + std::to_string(config.period);
+  const FileId before = IdOf(control.pop3_config_path);
+  const unsigned long forks = g_forks.load();
+  const bool ok = control.SetThenRestart(config);
+  // The restart child is forked only after the new switch was stored and
+  // propagated; the file is stored as a new one renamed into place.
+  const bool forked = g_forks.load() != forks;
+  if (ok) {
+    Verbose(ctx, "pop3 " + name + ": " + wanted + (forked ? "" : " (unchanged)"));
     return;
   }
-  Verbose(ctx, "pop3 " + name + ": enabled=" + YesNo(config.enabled) +
-                   " period=" + std::to_string(config.period));
+  const FileId now = IdOf(control.pop3_config_path);
+  const GlobalPOP3Config stored = control.GetPOP3Config();
+  if (now.exists && (!before.exists || now.dev != before.dev || now.ino != before.ino) &&
+      stored.enabled == config.enabled && stored.period == config.period) {
+    Fail(ctx, kFailed,
+         command + ": stored " + wanted +
+             (forked ? ", but the listed daemons could not be restarted"
+                     : ", but propagating the change failed and no daemon was restarted") +
+             " (see the system log)");
+    return;
+  }
+  Fail(ctx, kFailed, "cannot change the POP3 service " + Quote(name) + " (see the system log)");
 }
 
-void Pop3Daemons(Context& ctx, const std::string& name, const std::string& what,
-                 const std::vector<std::string>& users) {
+// What each daemon command runs and says.
+enum class DaemonCommand { kStart, kStop, kStartAll, kStopAll };
+
+// "pop3 vt start: the POP3 service 'vt' is off: ..." for a start that found
+// the service off: ForceStart and UidListStart then neither start a daemon
+// nor change the uid list.
+void ServiceOff(Context& ctx, const std::string& command, const std::string& name,
+                const std::vector<uint32_t>& uids) {
+  Fail(ctx, kServiceOff,
+       command + ": the POP3 service " + Quote(name) + " is off: no daemon was started" +
+           (uids.empty() ? ""
+                         : " and " + UidList(uids) + (uids.size() == 1 ? " was" : " were") +
+                               " not added to the uid list"));
+}
+
+void Pop3Daemons(Context& ctx, const std::string& name, DaemonCommand what,
+                 const std::string& what_name, const std::vector<std::string>& users) {
+  const std::string command = "pop3 " + name + " " + what_name;
+  const bool start = what == DaemonCommand::kStart || what == DaemonCommand::kStartAll;
+  const bool all = what == DaemonCommand::kStartAll || what == DaemonCommand::kStopAll;
   const Pop3Control control(name);
+  if (!CheckKnown(ctx, name, control)) return;
+
+  // Every user first, before anything is locked, started or written.
   std::vector<uint32_t> uids;
-  if (!ResolveUids(ctx, users, uids)) return;
-  bool ok = false;
-  errno = 0;
-  if (what == "start") {
-    ok = control.ForceStart(uids);
-  } else if (what == "stop") {
-    ok = control.ForceStop(uids);
-  } else if (what == "start-all") {
-    ok = control.UidListStart();
-  } else {
-    ok = control.UidListStop();
+  for (const std::string& user : users) {
+    uint32_t uid = 0;
+    if (!ResolveUser(ctx, user, what == DaemonCommand::kStop ? &control : nullptr, uid)) return;
+    if (std::find(uids.begin(), uids.end(), uid) == uids.end()) uids.push_back(uid);
   }
-  if (!ok) {
-    Fail(ctx, StatusForErrno(errno, kFailed),
-         "pop3 " + name + " " + what + " failed (see the system log)");
+
+  if (!CheckLock(ctx, command, name, control)) return;
+  if (start) {
+    GlobalPOP3Config config{};
+    if (!ReadSwitch(ctx, name, control, config)) return;
+    if (!config.enabled) {
+      ServiceOff(ctx, command, name, uids);
+      return;
+    }
+  }
+  // ForceStart appends to the uid list, ForceStop replaces it.
+  if (!all && !CheckWritable(ctx, command, control.uid_list_path, start)) return;
+
+  DaemonRun run;
+  const bool ran = RunDaemons(
+      ctx, command, start,
+      [&]() -> bool {
+        switch (what) {
+          case DaemonCommand::kStart:
+            return control.ForceStart(uids);
+          case DaemonCommand::kStop:
+            return control.ForceStop(uids);
+          case DaemonCommand::kStartAll:
+            return control.UidListStart();
+          case DaemonCommand::kStopAll:
+            break;
+        }
+        return control.UidListStop();
+      },
+      run);
+  if (!ran) return;
+
+  if (run.forks == 0) {
+    // No daemon was started or stopped.
+    if (!run.ok) {
+      Fail(ctx, kFailed, command + " failed (see the system log)");
+    } else if (what == DaemonCommand::kStart) {
+      // The service was switched off between the check above and the lock.
+      ServiceOff(ctx, command, name, uids);
+    } else if (what == DaemonCommand::kStartAll && !control.GetPOP3Config().enabled) {
+      ServiceOff(ctx, command, name, uids);
+    } else {
+      Verbose(ctx, "pop3 " + name + ": no user is listed");
+    }
     return;
   }
-  std::string done = "pop3 " + name + ": " + what;
-  for (uint32_t uid : uids) done += " " + std::to_string(uid);
-  Verbose(ctx, done);
+
+  const std::string done = start ? "started" : "stopped";
+  if (!all) {
+    std::vector<uint32_t> good;
+    for (uint32_t uid : uids) {
+      if (run.failed.count(uid) == 0) good.push_back(uid);
+    }
+    if (!good.empty()) Verbose(ctx, "pop3 " + name + ": " + done + " " + UidList(good));
+  } else if (run.failed.empty()) {
+    Verbose(ctx, "pop3 " + name + ": " + done + " the daemon of every listed user");
+  } else {
+    Verbose(ctx, "pop3 " + name + ": " + done + " the daemons of the other listed users");
+  }
+
+  std::string problem;
+  if (!run.failed.empty()) {
+    problem = DaemonsOf(run.failed) + (start ? " did not start" : " did not stop");
+  }
+  // Once the children were forked, ForceStart fails by itself only when a
+  // fork failed or the uid list could not be appended to or propagated;
+  // ForceStop when the list could not be replaced or propagated.
+  if (!run.ok && !run.fork_failed) {
+    problem += std::string(problem.empty() ? "" : ", and ") +
+               "updating or propagating the uid list failed";
+  }
+  if (!problem.empty()) Fail(ctx, kFailed, command + ": " + problem + " (see the system log)");
 }
 
 // ---- pop3 NAME list ----
@@ -417,9 +997,11 @@ void ReadControlFile(const std::string& path, DaemonRow& row) {
 // (the Pop3Control constructor may still create the settings directory, as
 // for every pop3 command). Files that the caller may not read show as state
 // "unknown" and no interval; the listing itself still succeeds. A missing
-// or unreadable uid list lists nobody (the library logs the unreadable one).
-void Pop3List(const Context& ctx, const std::string& name) {
+// or unreadable uid list lists nobody (the library logs the unreadable one);
+// an unknown instance fails with 3.
+void Pop3List(Context& ctx, const std::string& name) {
   const Pop3Control control(name);
+  if (!CheckKnown(ctx, name, control)) return;
   std::vector<DaemonRow> rows;
   for (uint32_t uid : control.GetPOP3UidSet()) {
     DaemonRow row;
@@ -455,12 +1037,13 @@ void Pop3List(const Context& ctx, const std::string& name) {
 void UserName(Context& ctx, const std::string& text) {
   uint64_t uid = 0;
   if (!ParseUnsigned(text, UINT32_MAX, uid)) {
-    Fail(ctx, kUsage, "'" + text + "' is not a user id");
+    Fail(ctx, kUsage, Quote(text) + " is not a user id");
     return;
   }
   const std::string name = velmora::user::ConvertToUsername(static_cast<uint32_t>(uid));
   if (name.empty()) {
-    Fail(ctx, kNotFound, "no user with the id " + text);
+    // The number as parsed: digits only, so nothing to escape.
+    Fail(ctx, kNotFound, "no user with the id " + std::to_string(uid));
     return;
   }
   if (ctx.json) {
@@ -476,7 +1059,7 @@ void UserName(Context& ctx, const std::string& text) {
 void UserUid(Context& ctx, const std::string& name) {
   const uint32_t uid = velmora::user::ConvertFromUsername(name);
   if (uid == UINT32_MAX) {
-    Fail(ctx, kNotFound, "unknown user '" + name + "'");
+    Fail(ctx, kNotFound, "unknown user " + Quote(name));
     return;
   }
   if (ctx.json) {
@@ -489,21 +1072,48 @@ void UserUid(Context& ctx, const std::string& name) {
   }
 }
 
+// The exit statuses of a command that takes the instance's lock, each
+// argument the end of one status's text; an empty `unknown` or `off` leaves
+// out status 3 or 7.
+std::string LockedStatuses(const std::string& done, const std::string& failed,
+                           const std::string& unknown, const std::string& denied,
+                           const std::string& off) {
+  return "0 " + done + "; 1 the lock directory /var/lock/velmora_server/ is missing, " + failed +
+         " (see the system log); 2 bad command line or instance name; " +
+         (unknown.empty() ? "" : "3 " + unknown + "; ") +
+         "5 permission denied: the caller may not open or create the lock file, is neither root "
+         "nor Velmora-Server" +
+         denied + (off.empty() ? "." : "; 7 " + off + ".");
+}
+
 }  // namespace
 
 void AddSettingsCommands(CLI::App& app, Context& ctx) {
   // features [get] | features set NAME=yes|no...
+  constexpr char kShowStatuses[] =
+      "0 shown; a missing settings file shows the defaults (the library's: enable_chat, "
+      "enable_calendar and enable_externalsource yes, the others no); 1 the settings file cannot "
+      "be read (not a regular file, I/O error); 2 bad command line; 5 permission denied: the "
+      "settings file exists but the caller may not read it.";
   CLI::App* features =
       app.add_subcommand("features", "Show (default) or change the web client's feature switches");
   features->require_subcommand(0, 1);
+  SetStatuses(features, kShowStatuses);
   CLI::App* features_get =
       features->add_subcommand("get", "Print the eight switches and the custom logo version");
+  SetStatuses(features_get, kShowStatuses);
   features_get->callback([&ctx] { FeaturesGet(ctx); });
   auto changes = std::make_shared<std::vector<std::string>>();
   CLI::App* features_set = features->add_subcommand(
       "set", "Change switches (read, change, write back) and propagate the file");
   features_set->add_option("NAME=VALUE", *changes, "A switch and yes or no, e.g. enable_chat=no")
       ->required();
+  SetStatuses(features_set,
+              "0 stored and propagated; 1 not stored, or stored but propagating the change "
+              "failed (the message says which; see the system log); 2 bad command line: an "
+              "unknown switch or a value other than yes or no; 5 permission denied: the caller "
+              "may not read the settings file or replace it (write access to its directory and, "
+              "unless root, owning the file).");
   features_set->callback([&ctx, changes] { FeaturesSet(ctx, *changes); });
   // Subcommand callbacks run before their parent's: without one, show.
   features->callback([&ctx, features] {
@@ -514,10 +1124,22 @@ void AddSettingsCommands(CLI::App& app, Context& ctx) {
   auto name = std::make_shared<std::string>();
   CLI::App* pop3 =
       app.add_subcommand("pop3", "The POP3 fetch service of one instance and its user daemons");
-  pop3->add_option("NAME", *name, "Instance name (e.g. quillbox)")->required();
+  pop3->add_option("NAME", *name,
+                   "Instance name (e.g. quillbox): 1 to 64 letters, digits, '_' or '-', not "
+                   "starting with '-'")
+      ->required()
+      ->check(InstanceName());
   pop3->require_subcommand(1);
 
   CLI::App* status = pop3->add_subcommand("status", "Print the service switch and its period");
+  SetStatuses(status,
+              "0 shown; 2 bad command line or instance name; 3 unknown POP3 instance; 5 "
+              "permission denied: the settings file exists but the caller may not read it, or "
+              "the files below cannot be examined. An instance is known when its settings file "
+              "/var/packages/Velmora-Server/etc/velmora/NAME_pop3.config or its spool directory "
+              "/var/spool/mail/NAME/db (which holds its uid list) exists. A known instance "
+              "without a settings file was never configured and shows the defaults, "
+              "enabled=no period=5 (status 0).");
   status->callback([&ctx, name] { Pop3Status(ctx, *name); });
 
   auto enabled = std::make_shared<std::string>();
@@ -532,32 +1154,78 @@ void AddSettingsCommands(CLI::App& app, Context& ctx) {
       AddNumber(set, "--period", *period, 1, 71582788, "Polling period in minutes (1 to 71582788)")
           ->type_name("MIN");
   set->require_option(1, 0);
+  SetStatuses(set,
+              LockedStatuses("stored, or already so (-v says \"unchanged\"); after a change the "
+                             "listed daemons are restarted in the background; a missing "
+                             "settings file is created",
+                             "the settings could not be stored, or were stored but propagating "
+                             "them or forking the restart failed (the message says which)",
+                             "",
+                             ", may not read the settings file, or (as Velmora-Server) may "
+                             "not write in the settings directory",
+                             ""));
   set->callback([&ctx, name, enabled, period, enabled_opt, period_opt] {
     Pop3Set(ctx, *name, *enabled, enabled_opt->count() > 0, *period, period_opt->count() > 0);
   });
 
   struct Daemons {
-    const char* what;
+    DaemonCommand what;
+    const char* name;
     const char* help;
-    bool takes_users;
+    std::string statuses;
   };
-  static const Daemons kDaemons[] = {
-      {"start", "Start the daemons of these users (if the service is on) and list them", true},
-      {"stop", "Stop the daemons of these users and remove them from the list", true},
-      {"start-all", "Start the daemon of every listed user (if the service is on)", false},
-      {"stop-all", "Stop the daemon of every listed user; the list is kept", false},
+  const std::string list_writer =
+      ", or (as Velmora-Server) may not write the uid list or its directory";
+  const std::string reads_switch = ", may not read the settings file";
+  const Daemons daemons[] = {
+      {DaemonCommand::kStart, "start",
+       "Start the daemons of these users (if the service is on) and list them",
+       LockedStatuses("every daemon started and is listed (-v names them)",
+                      "the daemons named did not start (they are listed all the same), or the "
+                      "uid list could not be updated or propagated",
+                      "unknown POP3 instance, or a user without an account (nothing is done)",
+                      reads_switch + list_writer,
+                      "the service is off: no daemon was started and the users were not added "
+                      "to the uid list")},
+      {DaemonCommand::kStop, "stop",
+       "Stop the daemons of these users and remove them from the list",
+       LockedStatuses("every daemon stopped and its user left the uid list",
+                      "the daemons named did not stop, or the uid list could not be replaced or "
+                      "propagated",
+                      "unknown POP3 instance, or a user without an account who is not on the uid "
+                      "list (a listed uid whose account is gone can still be stopped)",
+                      list_writer, "")},
+      {DaemonCommand::kStartAll, "start-all",
+       "Start the daemon of every listed user (if the service is on)",
+       LockedStatuses("the daemon of every listed user started, or nobody is listed; the list "
+                      "is kept",
+                      "the daemons named did not start", "unknown POP3 instance",
+                      ", or may not read the settings file",
+                      "the service is off: no daemon was started")},
+      {DaemonCommand::kStopAll, "stop-all",
+       "Stop the daemon of every listed user; the list is kept",
+       LockedStatuses("the daemon of every listed user stopped, or nobody is listed",
+                      "the daemons named did not stop", "unknown POP3 instance", "", "")},
   };
-  for (const Daemons& d : kDaemons) {
+  for (const Daemons& d : daemons) {
     auto users = std::make_shared<std::vector<std::string>>();
-    CLI::App* sub = pop3->add_subcommand(d.what, d.help);
-    if (d.takes_users) sub->add_option("USER", *users, "User id or name")->required();
-    const std::string what = d.what;
-    sub->callback([&ctx, name, what, users] { Pop3Daemons(ctx, *name, what, *users); });
+    CLI::App* sub = pop3->add_subcommand(d.name, d.help);
+    if (d.what == DaemonCommand::kStart || d.what == DaemonCommand::kStop) {
+      sub->add_option("USER", *users, "User id or name")->required();
+    }
+    SetStatuses(sub, d.statuses);
+    const DaemonCommand what = d.what;
+    const std::string what_name = d.name;
+    sub->callback(
+        [&ctx, name, what, what_name, users] { Pop3Daemons(ctx, *name, what, what_name, *users); });
   }
 
   CLI::App* list = pop3->add_subcommand(
       "list", "Print each listed user's daemon: uid, user, pid, state and interval");
-  list->footer(kListFooter);
+  list->footer(std::string(kListFooter) +
+               "\nExit status: 0 listed; 2 bad command line or instance name; 3 unknown POP3 "
+               "instance (see 'pop3 NAME status --help'); 5 permission denied: the instance's "
+               "files cannot be examined.");
   list->callback([&ctx, name] { Pop3List(ctx, *name); });
 
   // user name UID | user uid NAME
@@ -566,10 +1234,12 @@ void AddSettingsCommands(CLI::App& app, Context& ctx) {
   auto uid_text = std::make_shared<std::string>();
   CLI::App* user_name = user->add_subcommand("name", "Print the name of the user with this id");
   user_name->add_option("UID", *uid_text, "User id")->required();
+  SetStatuses(user_name, "0 printed; 2 bad command line: not a user id; 3 no user with this id.");
   user_name->callback([&ctx, uid_text] { UserName(ctx, *uid_text); });
   auto user_text = std::make_shared<std::string>();
   CLI::App* user_uid = user->add_subcommand("uid", "Print the id of the user with this name");
   user_uid->add_option("NAME", *user_text, "User name")->required();
+  SetStatuses(user_uid, "0 printed; 2 bad command line; 3 no user with this name.");
   user_uid->callback([&ctx, user_text] { UserUid(ctx, *user_text); });
 }
 
