@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,10 +29,13 @@ constexpr char kTool[] = VELMORACTL_PATH;
 
 }  // namespace
 
-Result Tool(const std::vector<std::string>& args, const std::string& user) {
+Result Tool(const std::vector<std::string>& args, const std::string& user,
+            std::chrono::seconds limit) {
   int out_pipe[2], err_pipe[2];
   Result result;
   if (pipe2(out_pipe, O_CLOEXEC) != 0 || pipe2(err_pipe, O_CLOEXEC) != 0) return result;
+  const auto start = std::chrono::steady_clock::now();
+  const auto deadline = start + limit;
   pid_t pid = fork();
   if (pid == 0) {
     dup2(out_pipe[1], 1);
@@ -53,11 +57,19 @@ Result Tool(const std::vector<std::string>& args, const std::string& user) {
   std::string* sinks[2] = {&result.out, &result.err};
   int open_pipes = 2;
   while (open_pipes > 0) {
-    if (poll(fds, 2, -1) < 0) break;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    const int ready = poll(fds, 2, left.count() > 0 ? static_cast<int>(left.count()) : 0);
+    if (ready == 0) {
+      result.timed_out = true;
+      kill(pid, SIGKILL);
+      break;
+    }
+    if (ready < 0) break;
     for (int i = 0; i < 2; ++i) {
       if (fds[i].fd < 0 || fds[i].revents == 0) continue;
       char buf[4096];
-      ssize_t n = read(fds[i].fd, buf, sizeof(buf));
+      const ssize_t n = read(fds[i].fd, buf, sizeof(buf));
       if (n > 0) {
         sinks[i]->append(buf, static_cast<size_t>(n));
       } else {
@@ -67,8 +79,12 @@ Result Tool(const std::vector<std::string>& args, const std::string& user) {
       }
     }
   }
+  for (pollfd& fd : fds) {
+    if (fd.fd >= 0) close(fd.fd);
+  }
   int status = 0;
   waitpid(pid, &status, 0);
+  result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   return result;
 }

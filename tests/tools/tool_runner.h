@@ -3,6 +3,7 @@
 #ifndef VELMORA_TESTS_TOOLS_TOOL_RUNNER_H_
 #define VELMORA_TESTS_TOOLS_TOOL_RUNNER_H_
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -17,11 +18,15 @@ struct Result {
   int status = -1;  // exit status, or 128 + signal
   std::string out;
   std::string err;
+  bool timed_out = false;  // killed after the time limit
+  double seconds = 0;      // how long the run took
 };
 
 // Runs the installed velmoractl with `args`, as root or as `user`, with the
-// caller's environment and no input.
-Result Tool(const std::vector<std::string>& args, const std::string& user = "");
+// caller's environment. A run that takes longer than `limit` is killed and
+// reported as timed out.
+Result Tool(const std::vector<std::string>& args, const std::string& user = "",
+            std::chrono::seconds limit = std::chrono::seconds(120));
 
 // Parses one JSON text; a parse failure fails the test.
 Json::Value ParseJson(const std::string& text);

@@ -34,6 +34,7 @@
 #include "gtest/gtest.h"
 #include "sdk/test_util.h"
 #include "support/log_capture.h"
+#include "tools/tool_runner.h"
 
 namespace velmora {
 namespace test {
@@ -41,8 +42,6 @@ namespace {
 
 using ::testing::Contains;
 using ::testing::IsEmpty;
-
-constexpr char kTool[] = VELMORACTL_PATH;
 
 constexpr char kPackages[] = "/var/packages";
 constexpr char kSettingsDir[] = "/var/packages/Velmora-Server/etc/velmora/";
@@ -190,89 +189,9 @@ pid_t DeadPid() {
 
 // ---- The tool ----
 
-struct Result {
-  int status = -1;  // exit status, or 128 + signal
-  std::string out;
-  std::string err;
-  bool timed_out = false;
-  double seconds = 0;
-};
-
-// Runs the installed velmoractl with `args`, as root or as `user`. A run
-// that takes longer than `limit` is killed and reported as timed out.
-Result Tool(const std::vector<std::string>& args, const std::string& user = "",
-            std::chrono::seconds limit = std::chrono::seconds(30)) {
-  int out_pipe[2], err_pipe[2];
-  Result result;
-  if (pipe2(out_pipe, O_CLOEXEC) != 0 || pipe2(err_pipe, O_CLOEXEC) != 0) return result;
-  const auto start = std::chrono::steady_clock::now();
-  const auto deadline = start + limit;
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(out_pipe[1], 1);
-    dup2(err_pipe[1], 2);
-    if (!user.empty()) {
-      if (setgroups(0, nullptr) != 0 || setgid(GidOf(user)) != 0 || setuid(UidOf(user)) != 0) {
-        _exit(99);
-      }
-    }
-    std::vector<char*> argv{const_cast<char*>(kTool)};
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(kTool, argv.data());
-    _exit(98);
-  }
-  close(out_pipe[1]);
-  close(err_pipe[1]);
-  pollfd fds[2] = {{out_pipe[0], POLLIN, 0}, {err_pipe[0], POLLIN, 0}};
-  std::string* sinks[2] = {&result.out, &result.err};
-  int open_pipes = 2;
-  while (open_pipes > 0) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    const int ready = poll(fds, 2, left.count() > 0 ? static_cast<int>(left.count()) : 0);
-    if (ready == 0) {
-      result.timed_out = true;
-      kill(pid, SIGKILL);
-      break;
-    }
-    if (ready < 0) break;
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-      char buf[4096];
-      const ssize_t n = read(fds[i].fd, buf, sizeof(buf));
-      if (n > 0) {
-        sinks[i]->append(buf, static_cast<size_t>(n));
-      } else {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        --open_pipes;
-      }
-    }
-  }
-  for (pollfd& fd : fds) {
-    if (fd.fd >= 0) close(fd.fd);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  result.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return result;
-}
-
 Result List(const std::string& user = "") { return Tool({"pop3", "vt", "list"}, user); }
 Result ListJson(const std::string& user = "") {
   return Tool({"--json", "pop3", "vt", "list"}, user);
-}
-
-Json::Value ParseJson(const std::string& text) {
-  Json::Value value;
-  Json::CharReaderBuilder builder;
-  std::string errors;
-  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors))
-      << errors << " in " << text;
-  return value;
 }
 
 // The JSON listing is one line of JSON that equals `expected` (JSON text).
@@ -288,18 +207,6 @@ void ExpectJson(const Result& r, const std::string& expected) {
 std::string Line(uint32_t uid, const std::string& user, const std::string& pid,
                  const std::string& state, const std::string& interval) {
   return std::to_string(uid) + "\t" + user + "\t" + pid + "\t" + state + "\t" + interval + "\n";
-}
-
-// A log line written from the velmoractl process:
-// "<module>:<line>: velmoractl: <message>" at `priority`.
-MATCHER_P3(ToolLine, priority, module, message,
-           "is <" + std::to_string(priority) + "> " + std::string(module) +
-               ":<line>: velmoractl: " + std::string(message)) {
-  const std::string head = std::string(module) + ":";
-  if (arg.priority != priority || arg.text.compare(0, head.size(), head) != 0) return false;
-  size_t pos = head.size();
-  while (pos < arg.text.size() && isdigit(static_cast<unsigned char>(arg.text[pos]))) ++pos;
-  return pos > head.size() && arg.text.substr(pos) == ": velmoractl: " + std::string(message);
 }
 
 class VelmoractlPop3List : public ::testing::Test {
