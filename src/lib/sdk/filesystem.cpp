@@ -36,6 +36,18 @@ constexpr int kTempPathTries = 1000;
 
 error_code ErrnoCode(int err) { return error_code(err, boost::system::system_category()); }
 
+// Removes the file that a failed copy made at `path`; a failure other than
+// "not found" is tried again twice, as a copy that failed must not leave a
+// file behind. 0, or the errno of the last failure.
+int RemoveFailedCopy(const std::string& path) {
+  int err = 0;
+  for (int tries = 0; tries < 3; ++tries) {
+    if (unlink(path.c_str()) == 0 || errno == ENOENT) return 0;
+    err = errno;
+  }
+  return err;
+}
+
 // Copies the bytes of `from` into a new file `to` with a read/write loop.
 // Used where the kernel's copy refuses to cross file systems. A partly
 // written target is removed.
@@ -80,19 +92,27 @@ void CopyBytes(const std::string& from, const std::string& to, error_code& ec) {
   }
   if (close(out) != 0 && !ec) ec = ErrnoCode(errno);
   close(in);
-  if (ec) unlink(to.c_str());
+  if (ec) RemoveFailedCopy(to);
 }
 
 // Copies a regular file, failing if `to` exists. Boost's copy refuses to
 // cross file systems on current kernels (EXDEV) after it has created the
 // target exclusively; that empty target is removed and the bytes are copied
-// by hand with the same results.
+// by hand with the same results. A target that Boost's copy created and then
+// failed to complete (a failed write, flush or close) is removed, so a
+// failed copy leaves no file behind.
 void CopyRegularFile(const std::string& from, const std::string& to, error_code& ec) {
+  struct stat st;
+  const bool existed = lstat(to.c_str(), &st) == 0;
   fs::copy_file(from, to, ec);
-  if (ec == boost::system::errc::cross_device_link) {
-    unlink(to.c_str());
-    CopyBytes(from, to, ec);
+  if (!ec || existed || ec == boost::system::errc::file_exists) return;
+  const int removed = RemoveFailedCopy(to);
+  if (ec != boost::system::errc::cross_device_link) return;
+  if (removed != 0) {
+    ec = ErrnoCode(removed);
+    return;
   }
+  CopyBytes(from, to, ec);
 }
 
 // The general copy, looking at the source itself (not through a link): a

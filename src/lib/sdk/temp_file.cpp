@@ -54,7 +54,11 @@ TempFile::~TempFile() {
   // name no longer exists and the unlink fails quietly. errno is kept, so a
   // caller that fails after a failed write still reports that write's error.
   const int saved_errno = errno;
-  if (!path_.empty()) unlink(path_.c_str());
+  // A failure other than "not found" is tried again twice: a file that was
+  // not moved into place must not stay behind.
+  for (int tries = 0; tries < 3 && !path_.empty(); ++tries) {
+    if (unlink(path_.c_str()) == 0 || errno == ENOENT) break;
+  }
   if (fd_ >= 0) close(fd_);
   errno = saved_errno;
 }
