@@ -125,24 +125,51 @@ struct Writer {
   std::vector<std::string> dirs;       // whose other names must stay as they were
   std::function<void()> prepare;       // lays out the old state
   std::function<bool()> run;           // true when the writer reports success
-  // Lines that a failure may log (at local1.err), given the injected errno.
-  std::function<std::vector<LogLine>(int err)> lines;
+  // Lines that a failure may log (at local1.err), given the failed function
+  // (its point name) and the injected errno.
+  std::function<std::vector<LogLine>(const std::string& point, int err)> lines;
   size_t max_lines = 1;
   std::vector<Exception> exceptions;
 };
 
-// The rename messages of sdk::Rename from `from` to `to`, for each errno.
+// The messages of sdk::Rename from `from` to `to` when call `point` failed
+// with `e`: the rename's own line; after a failed rename that was taken for
+// a cross-device one, the copy's refusal of the existing target; and across
+// file systems (`across`) the copy's or the removal's line.
 std::vector<LogLine> RenameLines(const std::string& from, const std::string& to,
-                                 const std::vector<int>& errs) {
+                                 const std::string& point, int e, bool across = false) {
+  const std::string names = from + " -> " + to + " ";
   std::vector<LogLine> lines;
-  for (int e : errs) {
-    const std::string tail = from + " -> " + to + " " + std::strerror(e);
-    lines.push_back({kFilesystemModule, "Rename failed: " + tail});
-    lines.push_back({kFilesystemModule, "Rename(by copying) failed while copying: " + tail});
-    lines.push_back({kFilesystemModule, "Rename(by copying) failed while deleting: " + tail});
+  if (point == "posix/io/dir/rename") {
+    lines.push_back({kFilesystemModule, "Rename failed: " + names + std::strerror(e)});
+    if (e == EXDEV) {
+      lines.push_back({kFilesystemModule, "Rename(by copying) failed while copying: " + names +
+                                              std::strerror(EEXIST)});
+    }
+  } else if (across && point == "posix/io/dir/unlink") {
+    lines.push_back({kFilesystemModule,
+                     "Rename(by copying) failed while deleting: " + names + std::strerror(e)});
+  } else if (across) {
+    lines.push_back({kFilesystemModule,
+                     "Rename(by copying) failed while copying: " + names + std::strerror(e)});
   }
   return lines;
 }
+
+// `line` when `point` is one of `points`, else nothing.
+std::vector<LogLine> On(const std::string& point, const std::set<std::string>& points,
+                        const LogLine& line) {
+  return points.count(point) != 0 ? std::vector<LogLine>{line} : std::vector<LogLine>{};
+}
+
+constexpr char kOpen[] = "posix/io/oc/open";
+constexpr char kWrite[] = "posix/io/rw/write";
+constexpr char kRead[] = "posix/io/rw/read";
+constexpr char kClose[] = "posix/io/oc/close";
+constexpr char kFsync[] = "posix/io/sync/fsync";
+constexpr char kRename[] = "posix/io/dir/rename";
+constexpr char kFork[] = "posix/proc/fork";
+constexpr char kWaitpid[] = "posix/proc/waitpid";
 
 void Append(std::vector<LogLine>* to, const std::vector<LogLine>& more) {
   to->insert(to->end(), more.begin(), more.end());
@@ -245,7 +272,7 @@ RunResult RunOnce(const Writer& w, const fi::Plan& plan, const FileState* fresh,
 
   // Log lines: only those documented for the failure, at most max_lines.
   std::vector<LogLine> allowed;
-  if (plan.occurrence > 0) allowed = w.lines(plan.err);
+  if (plan.occurrence > 0) allowed = w.lines(points[plan.point].name, plan.err);
   const auto records = capture.Records();
   std::set<std::string> seen;
   EXPECT_LE(records.size(), plan.occurrence > 0 ? w.max_lines : 0u);
@@ -409,7 +436,9 @@ TEST_F(FiuWritePathsTest, TempFileMoveToOnOneFileSystem) {
     if (temp.Chown(kUser1, kShared) != 0 || temp.Chmod(0640) != 0) return false;
     return temp.MoveTo(target) == 0;
   };
-  w.lines = [=](int e) { return RenameLines(TempOf(target), target, {e, ENOENT, EEXIST}); };
+  w.lines = [=](const std::string& point, int e) {
+    return RenameLines(TempOf(target), target, point, e);
+  };
   Enumerate(w);
 }
 
@@ -436,7 +465,9 @@ TEST_F(FiuWritePathsTest, TempFileMoveToAcrossFileSystems) {
     if (temp.Chmod(0640) != 0) return false;
     return temp.MoveTo(target) == 0;
   };
-  w.lines = [=](int e) { return RenameLines(TempOf(prefix), target, {e, ENOENT, EEXIST}); };
+  w.lines = [=](const std::string& point, int e) {
+    return RenameLines(TempOf(prefix), target, point, e, true);
+  };
   for (int e : {EBUSY, EIO, EROFS}) {
     w.exceptions.push_back(
         {false,
@@ -465,7 +496,7 @@ TEST_F(FiuWritePathsTest, RenameOnOneFileSystem) {
     ASSERT_TRUE(WriteOwned(from, "new=2\n", kUser1, kShared, 0640));
   };
   w.run = [=] { return sdk::Rename(from, target) == 0; };
-  w.lines = [=](int e) { return RenameLines(from, target, {e, EEXIST}); };
+  w.lines = [=](const std::string& point, int e) { return RenameLines(from, target, point, e); };
   Enumerate(w);
 }
 
@@ -484,7 +515,7 @@ TEST_F(FiuWritePathsTest, CopyFileOnOneFileSystem) {
     ASSERT_TRUE(WriteOwned(from, "new=2\n", kUser1, kShared, 0640));
   };
   w.run = [=] { return sdk::CopyFile(from, target) == 0; };
-  w.lines = [=](int e) {
+  w.lines = [=](const std::string&, int e) {
     return std::vector<LogLine>{
         {kFilesystemModule, "Failed to CopyFile: " + from + " -> " + target + " " + StrError(e)}};
   };
@@ -506,13 +537,9 @@ TEST_F(FiuWritePathsTest, CopyFileAcrossFileSystems) {
     ASSERT_TRUE(WriteOwned(from, "new=2\n", kUser1, kShared, 0640));
   };
   w.run = [=] { return sdk::CopyFile(from, target) == 0; };
-  w.lines = [=](int e) {
-    std::vector<LogLine> lines;
-    for (int err : {e, EEXIST}) {
-      lines.push_back({kFilesystemModule,
-                       "Failed to CopyFile: " + from + " -> " + target + " " + StrError(err)});
-    }
-    return lines;
+  w.lines = [=](const std::string&, int e) {
+    return std::vector<LogLine>{
+        {kFilesystemModule, "Failed to CopyFile: " + from + " -> " + target + " " + StrError(e)}};
   };
   Enumerate(w);
 }
@@ -534,10 +561,14 @@ TEST_F(FiuWritePathsTest, FileKeyValueWrite) {
     // The read is outside the writer, but its calls are counted with it.
     return file.ReadKeyValues(64, "=") && file.Update("b", "3") && file.Write();
   };
-  w.lines = [=](int e) {
-    std::vector<LogLine> lines = {{kKeyValueModule, "initialize temp file failed"},
-                                  {kKeyValueModule, "Move temp file to " + target + " fail"}};
-    Append(&lines, RenameLines(TempOf(target), target, {e, ENOENT, EEXIST}));
+  w.lines = [=](const std::string& point, int e) {
+    std::vector<LogLine> lines = RenameLines(TempOf(target), target, point, e);
+    // The temporary file could not be made or filled; or it could not be
+    // flushed, closed or renamed.
+    Append(&lines,
+           On(point, {kOpen, kWrite, kClose}, {kKeyValueModule, "initialize temp file failed"}));
+    Append(&lines, On(point, {kFsync, kClose, kRename},
+                      {kKeyValueModule, "Move temp file to " + target + " fail"}));
     return lines;
   };
   w.max_lines = 2;
@@ -559,11 +590,13 @@ TEST_F(FiuWritePathsTest, SetVelmoraConfig) {
     c.enable_chat = true;
     return settings::SetVelmoraConfig(c);
   };
-  w.lines = [](int e) {
-    std::vector<LogLine> lines = {
-        {kKeyValueModule, "initialize temp file failed"},
-        {kKeyValueModule, "Move temp file to " + std::string(kClientConf) + " fail"}};
-    Append(&lines, RenameLines(TempOf(kClientConf), kClientConf, {e, ENOENT, EEXIST}));
+  w.lines = [](const std::string& point, int e) {
+    std::vector<LogLine> lines = RenameLines(TempOf(kClientConf), kClientConf, point, e);
+    Append(&lines,
+           On(point, {kOpen, kWrite, kClose}, {kKeyValueModule, "initialize temp file failed"}));
+    Append(&lines,
+           On(point, {kFsync, kClose, kRename},
+              {kKeyValueModule, "Move temp file to " + std::string(kClientConf) + " fail"}));
     return lines;
   };
   w.max_lines = 2;
@@ -587,9 +620,11 @@ TEST_F(FiuWritePathsTest, SetPOP3Config) {
     ASSERT_TRUE(WriteFile(kBackendCalls, "", 0666));
   };
   w.run = [control] { return control.SetPOP3Config(GlobalPOP3Config{false, 10}); };
-  w.lines = [](int e) {
-    std::vector<LogLine> lines = {{kSettingsModule, "initialize temp file failed"}};
-    Append(&lines, RenameLines(TempOf(kSwitchFile), kSwitchFile, {e, ENOENT, EEXIST}));
+  w.lines = [](const std::string& point, int e) {
+    // A line that could not be written, flushed or closed fails MoveTo
+    // without a line.
+    std::vector<LogLine> lines = RenameLines(TempOf(kSwitchFile), kSwitchFile, point, e);
+    Append(&lines, On(point, {kOpen}, {kSettingsModule, "initialize temp file failed"}));
     return lines;
   };
   w.exceptions = {{false,
@@ -615,13 +650,14 @@ TEST_F(FiuWritePathsTest, TrackStop) {
     std::set<uint32_t> tracked = {kUser1, kUser2};
     return control.TrackStop({kUser1}, tracked);
   };
-  w.lines = [](int e) {
-    std::vector<LogLine> lines = {
-        {kSettingsModule, "initialize temp file failed"},
-        {kSettingsModule, "Stop 61001 fetchmail daemon fail"},
-        {kSettingsModule, "Fork child to change user to run POP3Daemon error"},
-        {kSettingsModule, "Wait child fail"}};
-    Append(&lines, RenameLines(TempOf(kUidList), kUidList, {e, ENOENT, EEXIST}));
+  w.lines = [](const std::string& point, int e) {
+    std::vector<LogLine> lines = RenameLines(TempOf(kUidList), kUidList, point, e);
+    Append(&lines, On(point, {kOpen}, {kSettingsModule, "initialize temp file failed"}));
+    Append(&lines, On(point, {kFork},
+                      {kSettingsModule, "Fork child to change user to run POP3Daemon error"}));
+    Append(&lines, On(point, {kWaitpid}, {kSettingsModule, "Wait child fail"}));
+    Append(&lines,
+           On(point, {kFork, kWaitpid}, {kSettingsModule, "Stop 61001 fetchmail daemon fail"}));
     return lines;
   };
   w.max_lines = 2;
@@ -654,12 +690,15 @@ TEST_F(FiuWritePathsTest, TrackStart) {
     std::set<uint32_t> tracked = {kUser2};
     return control.TrackStart({kUser1}, tracked, 300);
   };
-  w.lines = [](int) {
-    return std::vector<LogLine>{
-        {kSettingsModule, "fail open pop3_uid.config file"},
-        {kSettingsModule, "Fork child to change user to run POP3Daemon error"},
-        {kSettingsModule, "Wait child fail"},
-        {kSettingsModule, "Start 61001 fetch mail daemon fail"}};
+  w.lines = [](const std::string& point, int) {
+    std::vector<LogLine> lines =
+        On(point, {kOpen}, {kSettingsModule, "fail open pop3_uid.config file"});
+    Append(&lines, On(point, {kFork},
+                      {kSettingsModule, "Fork child to change user to run POP3Daemon error"}));
+    Append(&lines, On(point, {kWaitpid}, {kSettingsModule, "Wait child fail"}));
+    Append(&lines,
+           On(point, {kFork, kWaitpid}, {kSettingsModule, "Start 61001 fetch mail daemon fail"}));
+    return lines;
   };
   w.max_lines = 2;
   // An append is not a replacement: once the line is written, a later
@@ -684,10 +723,11 @@ TEST_F(FiuWritePathsTest, ModifyFetchmailrc) {
     ASSERT_TRUE(WriteOwned(kUser1Rc, kControlText, kUser1, kShared, 0600));
   };
   w.run = [control] { return control.ModifyFetchmailrc(kUser1, 600); };
-  w.lines = [](int e) {
-    std::vector<LogLine> lines = {{kSettingsModule, "initialize temp file failed"},
-                                  {kSettingsModule, "fail open quillbox pop3 fetch file"}};
-    Append(&lines, RenameLines(TempOf(kUser1Rc), kUser1Rc, {e, ENOENT, EEXIST}));
+  w.lines = [](const std::string& point, int e) {
+    std::vector<LogLine> lines = RenameLines(TempOf(kUser1Rc), kUser1Rc, point, e);
+    Append(&lines, On(point, {kOpen}, {kSettingsModule, "initialize temp file failed"}));
+    Append(&lines,
+           On(point, {kOpen, kRead}, {kSettingsModule, "fail open quillbox pop3 fetch file"}));
     return lines;
   };
   Enumerate(w);
@@ -704,10 +744,12 @@ TEST_F(FiuWritePathsTest, ExclusiveFileLockGuard) {
     sdk::ExclusiveFileLockGuard guard(lock, 1);
     return guard.fd_ >= 0;
   };
-  w.lines = [=](int) {
-    return std::vector<LogLine>{{kLockModule, "Open file(" + lock + ") fail"},
-                                {kLockModule, "Close file (" + lock + ") fail"},
-                                {kLockModule, "Release lock fail when guard destruct: " + lock}};
+  w.lines = [=](const std::string& point, int) {
+    std::vector<LogLine> lines = On(point, {kOpen}, {kLockModule, "Open file(" + lock + ") fail"});
+    Append(&lines, On(point, {kClose}, {kLockModule, "Close file (" + lock + ") fail"}));
+    Append(&lines,
+           On(point, {kClose}, {kLockModule, "Release lock fail when guard destruct: " + lock}));
+    return lines;
   };
   w.max_lines = 2;
   Enumerate(w);
