@@ -59,6 +59,7 @@ bool WriteAll(int fd, const char* data, size_t size) {
 
 struct FileCloser {
   void operator()(FILE* f) const {
+    // NOLINTNEXTLINE(cert-err33-c): streams read only, nothing to lose
     if (f != nullptr) fclose(f);
   }
 };
@@ -166,6 +167,7 @@ int OLIBCFileGetKeys(const char* path, int flags, OLIBC_SZHASH** table, const ch
   const std::string_view sep(separator);
   char* line = nullptr;
   size_t cap = 0;
+  // cppcheck-suppress variableScope ; assigned in the loop condition
   ssize_t len;
   int rc = 0;
   try {
@@ -197,10 +199,10 @@ int OLIBCFileSetKeys(const char* path, const OLIBC_SZHASH* table, int flags, int
   if (fd < 0) return -1;
   // Lines are gathered into one buffer and written in large pieces: a
   // settings file of many keys costs a handful of system calls.
-  static constexpr size_t kChunk = 64 * 1024;
-  std::string buf;
+  static constexpr size_t kChunk = size_t{64} * 1024;
   bool ok = true;
   try {
+    std::string buf;
     buf.reserve(kChunk + 256);
     for (const auto& entry : table->entries) {
       buf.append(entry.first).append(1, '=').append(entry.second).append(1, '\n');

@@ -98,7 +98,7 @@ std::string TreeOf(const std::string& name) {
   const KeyTreeStore* store = KeyTreeStore::instance();
   const size_t slash = name.find('/');
   if (slash == std::string::npos) return store->treeGet(name);
-  const std::string tree = name.substr(0, slash);
+  std::string tree = name.substr(0, slash);
   if (slash + 1 == name.size()) return std::string();
   for (const auto& row : store->keyTree()) {
     if (row.second == tree) return tree;

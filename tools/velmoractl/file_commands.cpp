@@ -31,6 +31,7 @@ bool ReadFile(Context& ctx, velmora::sdk::FileKeyValue& file, const std::string&
   if (file.ReadKeyValues(kTableSize, "=")) return true;
   const int err = errno;
   Fail(ctx, StatusForFileErrno(err, kFailed),
+       // NOLINTNEXTLINE(concurrency-mt-unsafe): velmoractl runs one thread
        "cannot read " + Quote(path) + (err != 0 ? std::string(": ") + std::strerror(err) : ""));
   return false;
 }
@@ -65,6 +66,7 @@ void PassOn(int sig) {
 
 int RunCommand(Context& ctx, const std::vector<std::string>& command) {
   std::vector<char*> argv;
+  argv.reserve(command.size() + 1);
   for (const std::string& arg : command) argv.push_back(const_cast<char*>(arg.c_str()));
   argv.push_back(nullptr);
 
@@ -97,6 +99,7 @@ int RunCommand(Context& ctx, const std::vector<std::string>& command) {
   int result = kOk;
   if (rc != 0) {
     result = Fail(ctx, rc == ENOENT ? 127 : 126,
+                  // NOLINTNEXTLINE(concurrency-mt-unsafe): velmoractl runs one thread
                   "cannot run " + Quote(command[0]) + ": " + std::strerror(rc));
   } else {
     g_child = pid;
@@ -108,6 +111,7 @@ int RunCommand(Context& ctx, const std::vector<std::string>& command) {
     g_child = -1;
     if (waited < 0) {
       result =
+          // NOLINTNEXTLINE(concurrency-mt-unsafe): velmoractl runs one thread
           Fail(ctx, kFailed, std::string("cannot wait for the command: ") + std::strerror(errno));
     } else if (WIFEXITED(status)) {
       result = WEXITSTATUS(status);
@@ -170,6 +174,7 @@ void Lock(Context& ctx, const std::string& path, const LockOptions& options,
                " s");
     } else {
       Fail(ctx, StatusForFileErrno(err, kFailed),
+           // NOLINTNEXTLINE(concurrency-mt-unsafe): velmoractl runs one thread
            "cannot lock " + Quote(path) + (err != 0 ? std::string(": ") + std::strerror(err) : ""));
     }
     return;
@@ -186,6 +191,7 @@ void Query(Context& ctx, const std::string& socket, const std::string& request, 
     const int status = err == EACCES || err == EPERM ? kDenied : kUnreachable;
     Fail(ctx, status,
          "no answer from " + Quote(socket) +
+             // NOLINTNEXTLINE(concurrency-mt-unsafe): velmoractl runs one thread
              (err != 0 ? std::string(": ") + std::strerror(err) : ""));
     return;
   }

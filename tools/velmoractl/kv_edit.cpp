@@ -41,6 +41,7 @@ std::string LineEnd(const std::string& text) {
 }
 
 // errno as a message tail: ": <reason>", or "" when it is 0.
+// NOLINTNEXTLINE(concurrency-mt-unsafe): velmoractl runs one thread
 std::string Reason(int err) { return err != 0 ? std::string(": ") + std::strerror(err) : ""; }
 
 // A descriptor closed when it goes out of scope.

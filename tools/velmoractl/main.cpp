@@ -142,6 +142,7 @@ int StatusForFileErrno(int err, int fallback) {
 namespace {
 
 // `value` with ValidUtf8 applied to every string and member name.
+// NOLINTNEXTLINE(misc-no-recursion): as deep as the printed JSON value
 Json::Value Utf8Only(const Json::Value& value) {
   switch (value.type()) {
     case Json::stringValue:
@@ -188,6 +189,7 @@ void Verbose(const Context& ctx, const std::string& text) {
 CLI::Validator Decimal(uint64_t min, uint64_t max) {
   const std::string range = std::to_string(min) + " to " + std::to_string(max);
   return CLI::Validator(
+      // cppcheck-suppress constParameter ; CLI11 hands validators a std::string&
       [min, max, range](std::string& text) -> std::string {
         uint64_t value = 0;
         if (ParseUnsigned(text, max, value) && value >= min) return std::string();
@@ -223,6 +225,7 @@ constexpr char kFooter[] =
     "127 not found, 128+N killed by signal N).";
 
 // The deepest subcommand that the parser reached.
+// NOLINTNEXTLINE(misc-no-recursion): as deep as the command levels
 const CLI::App* Deepest(const CLI::App* app) {
   for (const CLI::App* sub : app->get_subcommands()) return Deepest(sub);
   return app;
@@ -241,6 +244,7 @@ std::string PositionalNames(const CLI::App* app) {
 // Its command path, for the hint after an error: the levels above the
 // deepest show their positionals, as the usage lines do
 // ("velmoractl pop3 NAME set").
+// NOLINTNEXTLINE(misc-no-recursion): as deep as the command levels
 std::string ParsedPath(const CLI::App* app) {
   std::string path = app->get_name();
   for (const CLI::App* sub : app->get_subcommands()) {
@@ -263,7 +267,8 @@ std::string ParserMessage(std::string text) {
   if (text.size() > kMessageLimit) {
     size_t cut = kMessageLimit;
     while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xc0) == 0x80) --cut;
-    text = text.substr(0, cut) + "...";
+    text.resize(cut);
+    text += "...";
   }
   return OneLine(text);
 }
@@ -289,6 +294,7 @@ class UsageFormatter : public CLI::Formatter {
 }  // namespace
 }  // namespace velmoractl
 
+// NOLINTNEXTLINE(bugprone-exception-escape): only memory exhaustion can escape
 int main(int argc, char** argv) {
   using namespace velmoractl;
   Context ctx;

@@ -62,6 +62,7 @@ constexpr Switch kSwitches[] = {
 
 const char* YesNo(bool on) { return on ? "yes" : "no"; }
 
+// NOLINTNEXTLINE(concurrency-mt-unsafe): velmoractl runs one thread
 std::string Reason(int err) { return std::string(": ") + std::strerror(err); }
 
 // "path/to/file" -> "path/to/" (the directory with its slash).
@@ -260,6 +261,7 @@ bool ValidInstanceName(const std::string& name) {
 
 CLI::Validator InstanceName() {
   return CLI::Validator(
+      // cppcheck-suppress constParameter ; CLI11 hands validators a std::string&
       [](std::string& text) -> std::string {
         if (ValidInstanceName(text)) return std::string();
         return "expects 1 to 64 letters, digits, '_' or '-', not starting with '-'; not " +
@@ -709,10 +711,10 @@ void Pop3Daemons(Context& ctx, const std::string& name, DaemonCommand what,
     // No daemon was started or stopped.
     if (!run.ok) {
       Fail(ctx, kFailed, command + " failed (see the system log)");
-    } else if (what == DaemonCommand::kStart) {
-      // The service was switched off between the check above and the lock.
-      ServiceOff(ctx, command, name, uids);
-    } else if (what == DaemonCommand::kStartAll && !control.GetPOP3Config().enabled) {
+    } else if (what == DaemonCommand::kStart ||
+               (what == DaemonCommand::kStartAll && !control.GetPOP3Config().enabled)) {
+      // A start: the service was switched off between the check above and
+      // the lock. A start of all: it is off now.
       ServiceOff(ctx, command, name, uids);
     } else {
       Verbose(ctx, "pop3 " + name + ": no user is listed");
@@ -832,6 +834,7 @@ int OpenRegularFile(const std::string& path) {
 // rest of a longer one.
 class LineReader {
  public:
+  // cppcheck-suppress uninitMemberVar ; Fill() reads into buffer_ before any use
   explicit LineReader(int fd) : fd_(fd) {}
 
   // The next line without its "\n"; false at the end of the file or after

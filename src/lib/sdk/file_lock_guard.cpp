@@ -25,13 +25,15 @@ bool ExclusiveFileLockGuard::LockRetry() {
   for (uint64_t left = retries_;; --left) {
     if (Lock()) return true;
     if (left == 0) return false;
-    sleep(1);
+    sleep(1);  // NOLINT(concurrency-mt-unsafe): only the calling thread waits
   }
 }
 
 bool ExclusiveFileLockGuard::Guardian(const std::string& user) {
   if (fd_ < 0) return false;
-  struct passwd* pw = getpwnam(user.c_str());
+  // A guard is used by one thread at a time; pw is read before any other
+  // passwd lookup.
+  struct passwd* pw = getpwnam(user.c_str());  // NOLINT(concurrency-mt-unsafe)
   if (pw == nullptr) {
     VELMORA_LOG("Get user %s pwd fail", user.c_str());
     return false;
