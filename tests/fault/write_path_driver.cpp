@@ -5,6 +5,10 @@
 // COUNT (default 1) is the number of writes, alternating the two versions
 // from the one that is not on disk now. Exits 0 when every write succeeded,
 // 1 when one failed, 2 on bad arguments. The test lays out the files first.
+// Right before the first write it writes "write path" to descriptor -1, which
+// fails, so that a trace shows where the library's work begins.
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -25,6 +29,9 @@ int main(int argc, char** argv) {
   }
   const long count = argc == 4 ? std::atol(argv[3]) : 1;
   int phase = path.first_phase();
+  // A marker in the trace: what follows is the library's work.
+  const ssize_t marked = write(-1, "write path", 10);
+  (void)marked;
   bool ok = true;
   for (long n = 0; n < count; ++n) {
     ok = path.write(phase) && ok;
