@@ -107,11 +107,13 @@ std::string Describe(const std::string& bytes) {
 
 struct Figures {
   std::vector<long> kills_in_phase;
+  std::vector<long> unfinished_in_phase;  // of those, kills that found the write unfinished
   long kills = 0;
   long whole[2] = {0, 0};
   long missing = 0;
   long partial = 0;
   long with_temp = 0;    // kills after which a temporary file was there
+  long with_staged = 0;  // kills after which the writer's staged file was there
   long temps_left = 0;   // temporary files found, all kills together
   long temps_owned = 0;  // of those, already given the target's owner
 };
@@ -181,8 +183,10 @@ class CrashPointTest : public testing::TestWithParam<std::string> {
 
   // Checks every target after a kill and counts what was found; false (with
   // failures added) when a reader would have seen something it must not.
-  bool CheckAfterKill(const WritePath& path, long kill_number, Figures* figures) {
+  bool CheckAfterKill(const WritePath& path, long kill_number, Figures* figures, bool* inside) {
     bool ok = true;
+    bool bytes_missing = false;
+    bool bytes_partial = false;
     for (const auto& target : path.targets) {
       const bool there = PathExists(target.path);
       const std::string bytes = ReadFile(target.path);
@@ -212,6 +216,7 @@ class CrashPointTest : public testing::TestWithParam<std::string> {
       if (!target.atomic) {
         if (!there) {
           ++figures->missing;
+          bytes_missing = true;
           continue;
         }
         bool prefix = false;
@@ -220,6 +225,7 @@ class CrashPointTest : public testing::TestWithParam<std::string> {
         }
         if (prefix) {
           ++figures->partial;
+          bytes_partial = true;
           continue;
         }
       }
@@ -238,6 +244,11 @@ class CrashPointTest : public testing::TestWithParam<std::string> {
       }
     }
     if (temp_seen) ++figures->with_temp;
+    if (!path.staged.empty() && PathExists(path.staged)) {
+      ++figures->with_staged;
+      temp_seen = true;
+    }
+    *inside = temp_seen || (!path.targets[0].atomic && (bytes_missing || bytes_partial));
     return ok;
   }
 
@@ -255,39 +266,62 @@ TEST_P(CrashPointTest, KilledWriterLeavesAWholeFile) {
   RecordProperty("crash_seed", std::to_string(seed));
   ASSERT_TRUE(path.prepare());
 
-  // Calibration: the time of one iteration of an undisturbed loop, which
-  // also has to succeed at every write.
-  const long calibration_writes = 20;
-  const auto started = Clock::now();
-  const pid_t calibrator = StartWriter(path, calibration_writes);
-  ASSERT_GT(calibrator, 0);
+  // Calibration: an undisturbed loop of 20 writes has to succeed at every
+  // one; then the time a freshly started writer takes for its first write
+  // (longer than a later one: the new process still faults its pages in),
+  // the mean of five, is the length of the kill window.
   int status = 0;
-  ASSERT_EQ(waitpid(calibrator, &status, 0), calibrator);
+  const pid_t looper = StartWriter(path, 20);
+  ASSERT_GT(looper, 0);
+  ASSERT_EQ(waitpid(looper, &status, 0), looper);
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   ASSERT_TRUE(ReapAll(std::chrono::seconds(5)));
-  const auto iteration = (Clock::now() - started) / calibration_writes;
+  Clock::duration first_writes{};
+  for (int run = 0; run < 5; ++run) {
+    const pid_t writer = StartWriter(path, 1);
+    const auto started = Clock::now();
+    ASSERT_GT(writer, 0);
+    ASSERT_EQ(waitpid(writer, &status, 0), writer);
+    first_writes += Clock::now() - started;
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    ASSERT_TRUE(ReapAll(std::chrono::seconds(5)));
+  }
+  const auto iteration = first_writes / 5;
   ASSERT_EQ(shared_->writes_failed.load(), 0);
   shared_->writes_done.store(0);
 
-  // Kill points: every other one drawn evenly from the first two iterations
-  // after the start, the others evenly on a logarithmic scale from 1 µs to
-  // two iterations. The second kind reaches the short writes at the start of
-  // an iteration of a path that then runs a helper program for most of it.
+  // Kill points, in turn of three kinds: drawn evenly from the first
+  // iteration and a quarter after the start (a writer starts with the version
+  // that is not on disk, so one iteration covers a whole write); evenly on a
+  // logarithmic scale from 1 µs to that length (which reaches the short
+  // writes at the start of an iteration of a path that then runs a helper
+  // program for most of it); and, once there are some, within 25% of one of
+  // the last 64 delays whose kill found the write unfinished (a temporary or
+  // staged file there, or a copy missing or partial).
   std::mt19937_64 random(seed);
   const double iteration_ns = std::chrono::duration<double, std::nano>(iteration).count();
-  std::uniform_real_distribution<double> wide_ns(0, 2 * iteration_ns);
+  std::uniform_real_distribution<double> wide_ns(0, 1.25 * iteration_ns);
   std::uniform_real_distribution<double> log_ns(std::log(1e3),
-                                                std::log(std::max(2e4, 2 * iteration_ns)));
+                                                std::log(std::max(2e3, 1.25 * iteration_ns)));
+  std::uniform_real_distribution<double> jitter(0.75, 1.25);
+  std::vector<double> hits;
+  auto next_delay = [&](long kill) {
+    if (kill % 3 == 0) return wide_ns(random);
+    if (kill % 3 == 1 || hits.empty()) return std::exp(log_ns(random));
+    const size_t pick = std::uniform_int_distribution<size_t>(0, hits.size() - 1)(random);
+    return hits[pick] * jitter(random);
+  };
   const int kills_wanted = KillsFromEnvironment();
   Figures figures;
   figures.kills_in_phase.assign(path.phase_names.size(), 0);
+  figures.unfinished_in_phase.assign(path.phase_names.size(), 0);
   int failures = 0;
   const auto loop_started = Clock::now();
   while (*std::min_element(figures.kills_in_phase.begin(), figures.kills_in_phase.end()) <
          kills_wanted) {
     const pid_t writer = StartWriter(path, -1);
     ASSERT_GT(writer, 0);
-    const double delay = figures.kills % 2 == 0 ? wide_ns(random) : std::exp(log_ns(random));
+    const double delay = next_delay(figures.kills);
     WaitUntil(Clock::now(), std::chrono::nanoseconds(static_cast<int64_t>(delay)));
     ASSERT_EQ(kill(-writer, SIGKILL), 0);
     const int phase = shared_->phase.load();
@@ -295,8 +329,15 @@ TEST_P(CrashPointTest, KilledWriterLeavesAWholeFile) {
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
     ASSERT_TRUE(ReapAll(std::chrono::seconds(5))) << "a helper of the writer outlived the kill";
     ++figures.kills;
-    ++figures.kills_in_phase[path.phase_names.size() == 1 ? 0 : phase];
-    if (!CheckAfterKill(path, figures.kills, &figures) && ++failures >= 5) break;
+    const size_t phase_index = path.phase_names.size() == 1 ? 0 : static_cast<size_t>(phase);
+    ++figures.kills_in_phase[phase_index];
+    bool inside = false;
+    if (!CheckAfterKill(path, figures.kills, &figures, &inside) && ++failures >= 5) break;
+    if (inside) {
+      ++figures.unfinished_in_phase[phase_index];
+      if (hits.size() == 64) hits.erase(hits.begin());
+      hits.push_back(delay);
+    }
   }
   const auto loop_time = Clock::now() - loop_started;
   EXPECT_EQ(failures, 0) << "seed " << seed;
@@ -313,17 +354,21 @@ TEST_P(CrashPointTest, KilledWriterLeavesAWholeFile) {
 
   std::string phases;
   for (size_t k = 0; k < path.phase_names.size(); ++k) {
-    phases += " " + path.phase_names[k] + "=" + std::to_string(figures.kills_in_phase[k]);
+    phases += " " + path.phase_names[k] + "=" + std::to_string(figures.kills_in_phase[k]) + " (" +
+              std::to_string(figures.unfinished_in_phase[k]) + " unfinished)";
   }
   std::printf(
-      "crash %s: %ld kills (%s ), iteration %.0f us, %ld writes completed; first target whole "
+      "crash %s: %ld kills (%s ), first write of a writer %.0f us, %ld writes completed; first "
+      "target whole "
       "old/new %ld/%ld, missing %ld, partial %ld; kills with a temporary file left %ld (%.1f%%), "
-      "temporary files left %ld (%ld already with the target's owner); %.1f s\n",
+      "temporary files left %ld (%ld already with the target's owner); kills with the staged "
+      "file there %ld; %.1f s\n",
       path.name.c_str(), figures.kills, phases.c_str(),
       std::chrono::duration<double, std::micro>(iteration).count(), shared_->writes_done.load(),
       figures.whole[0], figures.whole[1], figures.missing, figures.partial, figures.with_temp,
       100.0 * static_cast<double>(figures.with_temp) / static_cast<double>(figures.kills),
-      figures.temps_left, figures.temps_owned, std::chrono::duration<double>(loop_time).count());
+      figures.temps_left, figures.temps_owned, figures.with_staged,
+      std::chrono::duration<double>(loop_time).count());
   std::fflush(stdout);
 }
 

@@ -64,6 +64,8 @@ struct WritePath {
   std::vector<std::string> phase_names;
   std::vector<Target> targets;
   std::vector<TempSite> temp_sites;
+  // A file the writer stages itself before it calls the library (Rename).
+  std::string staged;
   // Lays out files and directories; true on success. Runs in the test.
   std::function<bool()> prepare;
   // The phase (0 or 1) to run first, given what is on disk now, so that a
@@ -215,6 +217,7 @@ inline WritePath RenamePath(const std::string& base) {
   t.parsed = [path = t.path] { return ParsedKeyValue(path); };
   p.targets.push_back(t);
   const std::string staged = base + "/same/staged.conf";
+  p.staged = staged;
   p.prepare = [t] {
     return settings_test::MakeDir(Dirname(t.path)) &&
            settings_test::WriteOwned(t.path, t.content[0], t.uid, t.gid, t.mode);
