@@ -115,7 +115,7 @@ struct Figures {
   long with_temp = 0;    // kills after which a temporary file was there
   long with_staged = 0;  // kills after which the writer's staged file was there
   long temps_left = 0;   // temporary files found, all kills together
-  long temps_owned = 0;  // of those, already given the target's owner
+  long temps_owned = 0;  // of those, already given the target's owner and mode
 };
 
 class CrashPointTest : public testing::TestWithParam<std::string> {
@@ -233,12 +233,21 @@ class CrashPointTest : public testing::TestWithParam<std::string> {
       ok = false;
     }
     bool temp_seen = false;
-    for (const auto& site : path.temp_sites) {
-      for (const auto& temp : TempFilesAt(site)) {
+    for (size_t k = 0; k < path.temp_sites.size(); ++k) {
+      const Target& target = path.targets[k];
+      for (const auto& temp : TempFilesAt(path.temp_sites[k])) {
         temp_seen = true;
         ++figures->temps_left;
-        if (Meta(temp).uid == path.targets[0].uid && path.targets[0].uid != 0) {
+        const FileMeta meta = Meta(temp);
+        if (meta.uid == target.uid && meta.gid == target.gid && meta.mode == target.mode) {
           ++figures->temps_owned;
+        } else if (!ReadFile(temp).empty()) {
+          // Owner and mode are set before anything is written: a left-over
+          // temporary file never shows data under other permissions.
+          ADD_FAILURE() << path.name << " kill " << kill_number << ": " << temp << " holds data "
+                        << "with owner " << meta.uid << ":" << meta.gid << " mode " << std::oct
+                        << meta.mode;
+          ok = false;
         }
         unlink(temp.c_str());
       }
@@ -361,7 +370,8 @@ TEST_P(CrashPointTest, KilledWriterLeavesAWholeFile) {
       "crash %s: %ld kills (%s ), first write of a writer %.0f us, %ld writes completed; first "
       "target whole "
       "old/new %ld/%ld, missing %ld, partial %ld; kills with a temporary file left %ld (%.1f%%), "
-      "temporary files left %ld (%ld already with the target's owner); kills with the staged "
+      "temporary files left %ld (%ld already with the target's owner and mode); kills with the "
+      "staged "
       "file there %ld; %.1f s\n",
       path.name.c_str(), figures.kills, phases.c_str(),
       std::chrono::duration<double, std::micro>(iteration).count(), shared_->writes_done.load(),

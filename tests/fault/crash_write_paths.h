@@ -63,6 +63,7 @@ struct WritePath {
   // same operation).
   std::vector<std::string> phase_names;
   std::vector<Target> targets;
+  // Where the temporary files of targets[k] appear is temp_sites[k].
   std::vector<TempSite> temp_sites;
   // A file the writer stages itself before it calls the library (Rename).
   std::string staged;
