@@ -384,9 +384,9 @@ TEST_P(CrashPointTest, KilledWriterLeavesAWholeFile) {
 
 INSTANTIATE_TEST_SUITE_P(WritePaths, CrashPointTest,
                          testing::Values("TempFileMoveTo", "TempFileMoveToAcrossFileSystems",
-                                         "Rename", "CopyFile", "FileKeyValueWrite",
-                                         "SetVelmoraConfig", "SetPOP3Config", "ModifyFetchmailrc",
-                                         "TrackStartTrackStop"),
+                                         "Rename", "CopyFile", "CopyFileAcrossFileSystems",
+                                         "FileKeyValueWrite", "SetVelmoraConfig", "SetPOP3Config",
+                                         "ModifyFetchmailrc", "TrackStartTrackStop"),
                          [](const testing::TestParamInfo<std::string>& info) {
                            return info.param;
                          });

@@ -261,6 +261,29 @@ inline WritePath CopyFilePath(const std::string& base) {
   return p;
 }
 
+// sdk::CopyFile from one tmpfs into a new file on another, where the copy
+// is made by a read/write loop.
+inline WritePath CopyFileAcrossPath(const std::string& base) {
+  WritePath p = CopyFilePath(base);
+  p.name = "CopyFileAcrossFileSystems";
+  p.phase_names = {"CopyFile across file systems"};
+  Target& t = p.targets[0];
+  t.path = base + "/b/copy.conf";
+  t.parsed = [path = t.path] { return ParsedKeyValue(path); };
+  const std::string source = base + "/a/source";
+  p.prepare = [t, source] {
+    return settings_test::WriteOwned(source + "0", t.content[0], kUser1, kShared, t.mode) &&
+           settings_test::WriteOwned(source + "1", t.content[1], kUser1, kShared, t.mode) &&
+           settings_test::WriteOwned(t.path, t.content[0], 0, 0, t.mode);
+  };
+  p.first_phase = [t] { return 1 - VersionOnDisk(t); };
+  p.write = [t, source](int v) {
+    unlink(t.path.c_str());
+    return sdk::CopyFile(source + std::to_string(v), t.path) == 0;
+  };
+  return p;
+}
+
 // FileKeyValue read, update, write.
 inline WritePath KeyValueWritePath(const std::string& base) {
   WritePath p;
@@ -482,8 +505,9 @@ inline WritePath UidListPath() {
 // paths (with tmpfs mounts "a" and "b" for the move across file systems).
 inline std::vector<WritePath> AllWritePaths(const std::string& base) {
   return {TempFileMovePath(base), TempFileMoveAcrossPath(base), RenamePath(base),
-          CopyFilePath(base),     KeyValueWritePath(base),      SetVelmoraConfigPath(),
-          SetPop3ConfigPath(),    ModifyFetchmailrcPath(),      UidListPath()};
+          CopyFilePath(base),     CopyFileAcrossPath(base),     KeyValueWritePath(base),
+          SetVelmoraConfigPath(), SetPop3ConfigPath(),          ModifyFetchmailrcPath(),
+          UidListPath()};
 }
 
 inline bool FindWritePath(const std::string& base, const std::string& name, WritePath* out) {

@@ -78,6 +78,9 @@ void CopyBytes(const std::string& from, const std::string& to, error_code& ec) {
     }
     if (ec) break;
   }
+  // The data reaches the disk before the copy counts as made, as with
+  // Boost's own copy.
+  if (!ec && fdatasync(out) != 0) ec = ErrnoCode(errno);
   if (close(out) != 0 && !ec) ec = ErrnoCode(errno);
   close(in);
   if (ec) unlink(to.c_str());
