@@ -1,8 +1,8 @@
 // Writers killed at random moments. A child rewrites files through one of
 // the library's write paths in a loop, alternating two versions of different
 // sizes; the test kills it (with its whole process group, so a helper program
-// it runs dies too) with SIGKILL after a random delay spread over about two
-// iterations of that loop, then checks what a reader finds:
+// it runs dies too) with SIGKILL after a random delay spread over the first
+// write of a freshly started writer, then checks what a reader finds:
 //
 //   - an atomic rewrite leaves the old or the new version, whole, that the
 //     library's own reader parses, with the owner and mode the file had;
