@@ -90,6 +90,9 @@ void CopyBytes(const std::string& from, const std::string& to, error_code& ec) {
     }
     if (ec) break;
   }
+  // The data reaches the disk before the copy counts as made, as with
+  // Boost's own copy.
+  if (!ec && fdatasync(out) != 0) ec = ErrnoCode(errno);
   if (close(out) != 0 && !ec) ec = ErrnoCode(errno);
   close(in);
   if (ec) RemoveFailedCopy(to);
@@ -137,6 +140,21 @@ void GeneralCopy(const std::string& from, const std::string& to, error_code& ec)
   } else {
     ec = ErrnoCode(ENOSYS);
   }
+}
+
+// Flushes `path` when it is a regular file (not through a link); 0 when it
+// was flushed or is something else, -1 with `ec` set when the flush failed.
+int SyncCopiedFile(const std::string& path, error_code& ec) {
+  int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return 0;  // a symbolic link, or nothing left to flush
+  struct stat st;
+  int rc = 0;
+  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && fsync(fd) != 0) {
+    ec = ErrnoCode(errno);
+    rc = -1;
+  }
+  close(fd);
+  return rc;
 }
 
 }  // namespace
@@ -278,6 +296,10 @@ int Rename(const std::string& from, const std::string& to) {
   // Across file systems: copy, then remove the source. Not atomic, and an
   // existing target makes the copy fail.
   GeneralCopy(from, to, ec);
+  // A copied file reaches the disk before its source goes, so that a crash
+  // right after the removal cannot lose both. A copy that cannot be synced
+  // is removed like one that could not be written.
+  if (!ec && SyncCopiedFile(to, ec) != 0) unlink(to.c_str());
   if (ec) {
     LOG_FS_ERROR("Rename(by copying) failed while copying: ", from + " -> " + to, ec);
     return -1;
