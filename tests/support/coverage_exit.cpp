@@ -2,7 +2,8 @@
 // children that tests fork end with _exit, which skips the exit handler that
 // writes libgcov's counters, so the wrapper writes them first. A child that
 // lowered its descriptor limit (to make the library run out) gets it back
-// first, or it could not open the counter files.
+// first, as far as its hard limit allows, or it could not open the counter
+// files.
 #include <sys/resource.h>
 
 extern "C" void __gcov_dump(void);
@@ -10,9 +11,8 @@ extern "C" [[noreturn]] void __real__exit(int status);
 
 extern "C" [[noreturn]] void __wrap__exit(int status) {
   rlimit files{};
-  if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < 1024) {
-    files.rlim_cur = 1024;
-    if (files.rlim_max < files.rlim_cur) files.rlim_max = files.rlim_cur;
+  if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+    files.rlim_cur = files.rlim_max;
     setrlimit(RLIMIT_NOFILE, &files);
   }
   __gcov_dump();
