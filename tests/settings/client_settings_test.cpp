@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include <velmora/file.h>
 #include <velmora/settings.h>
 
 #include "gmock/gmock.h"
@@ -394,6 +395,71 @@ TEST_F(ClientSettingsTest, LogoVersionIsTheImagesModificationTime) {
   ASSERT_EQ(unlink(kLogo), 0);
   ASSERT_EQ(symlink(image.c_str(), kLogo), 0);
   EXPECT_EQ(settings::GetCustomLogoVersion(), 1600000789L);
+}
+
+// A key-value file written as its object goes: an allocation failure inside
+// that write ends in the destructor (nothing escapes it), and the file is
+// either as it was or completely rewritten, with no temporary file beside it.
+TEST_F(ClientSettingsTest, KeyValueFileWrittenOnDestructionSurvivesAnAllocationFailure) {
+  const std::string dir = "/var/tmp/kv-on-destroy";
+  const std::string path = dir + "/a.conf";
+  ASSERT_TRUE(MakeDir(dir));
+  int failures = 0;
+  for (long n = 0; n < 2000; ++n) {
+    ASSERT_TRUE(WriteFile(path, "a=1\n"));
+    // 0: an allocation of the destruction failed; 1: none was left to fail.
+    int rc = InChild([&path, n] {
+      {
+        sdk::FileKeyValue kv(path);
+        if (!kv.ReadKeyValues(16, "=")) return 10;
+        if (!kv.Update("a", "2")) return 11;
+        kv.SetWriteOnDestroy(true);
+        g_fail_allocation_in = n;
+      }
+      const bool fired = g_fail_allocation_in < 0;
+      g_fail_allocation_in = -1;
+      return fired ? 0 : 1;
+    });
+    ASSERT_TRUE(rc == 0 || rc == 1) << "allocation " << n << " ended the child: " << rc;
+    const std::string after = ReadFile(path);
+    EXPECT_TRUE(after == "a=1\n" || after == "a=2\n") << n << ": " << after;
+    EXPECT_THAT(ListDir(dir), ElementsAre("a.conf")) << n;
+    if (rc == 1) {
+      EXPECT_EQ(after, "a=2\n");
+      break;
+    }
+    ++failures;
+  }
+  EXPECT_GT(failures, 0);
+}
+
+// The forked child that starts a user's fetchmail ends with status 0 even
+// when an allocation inside it fails: the caller sees a done start, and
+// fetchmail either ran completely or not at all.
+TEST_F(ClientSettingsTest, AStartWhoseChildMeetsAnAllocationFailureIsStillDone) {
+  ASSERT_TRUE(InstallFetchmailStandIn());
+  settings::Pop3Control control("vt");
+  const std::string dir = control.UserFetchMailPath(kUser1);
+  ASSERT_TRUE(MakeDir(dir, kUser1, kUser1, 0700));
+  ASSERT_TRUE(WriteOwned(dir + "quillbox_pop3_fetch", "set daemon 300\n", kUser1, kUser1, 0600));
+  int failures = 0;
+  for (long n = 0; n < 2000; ++n) {
+    ASSERT_TRUE(WriteFile(kFetchmailCalls, "", 0666));
+    int rc = InChild([&control, n] {
+      g_fail_allocation_in = n;
+      const bool done = control.DownPrivilegeFork(kUser1, settings::Pop3Control::ACTION_START, 60);
+      g_fail_allocation_in = -1;
+      return done ? 0 : 1;
+    });
+    ASSERT_EQ(rc, 0) << "allocation " << n;
+    const std::vector<Call> calls = FetchmailCalls();
+    if (!calls.empty()) {
+      EXPECT_THAT(calls, ElementsAre(StartCall(dir, kUser1, kUser1))) << n;
+      break;
+    }
+    ++failures;
+  }
+  EXPECT_GT(failures, 0);
 }
 
 }  // namespace
