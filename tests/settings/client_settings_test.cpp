@@ -462,6 +462,51 @@ TEST_F(ClientSettingsTest, AStartWhoseChildMeetsAnAllocationFailureIsStillDone) 
   EXPECT_GT(failures, 0);
 }
 
+// A POP3 start that meets an allocation failure at any point, thrown out of
+// it or not, leaves no descriptor open behind it (switch file, uid list,
+// lock), and the uid list holds the uid completely or not at all.
+TEST_F(ClientSettingsTest, AForceStartMeetingAnAllocationFailureLeaksNoDescriptor) {
+  ASSERT_TRUE(InstallFetchmailStandIn());
+  ASSERT_TRUE(MakeDir(kLockDir, kAccount, kAccount, 0755));
+  ASSERT_TRUE(MakeDir(std::string(kSpool) + "/vt/db", kAccount, kAccount, 0755));
+  ASSERT_TRUE(MakeDir(kSettingsDir, kAccount, kAccount, 0755));
+  const std::string uid_list = std::string(kSpool) + "/vt/db/vt_pop3_uid.config";
+  // A period line too long for a string's own buffer: reading it allocates.
+  ASSERT_TRUE(WriteFile(std::string(kSettingsDir) + "/vt_pop3.config",
+                        "true\n" + std::string(40, '0') + "5\n"));
+  settings::Pop3Control control("vt");
+  int thrown = 0;
+  for (long n = 0; n < 5000; ++n) {
+    ASSERT_TRUE(WriteOwned(uid_list, "", kAccount, kAccount, 0644));
+    // 0: met the failure, 1: no allocation was left to fail and the start
+    // succeeded, 2: threw, 3: failed without meeting the failure; 10 and up:
+    // descriptors left open.
+    int rc = InChild([&control, n] {
+      const size_t before = ListDir("/proc/self/fd").size();
+      int result = 0;
+      g_fail_allocation_in = n;
+      try {
+        const bool ok = control.ForceStart({kUser1});
+        result = g_fail_allocation_in < 0 ? 0 : (ok ? 1 : 3);
+      } catch (const std::bad_alloc&) {
+        result = 2;
+      }
+      g_fail_allocation_in = -1;
+      const size_t after = ListDir("/proc/self/fd").size();
+      return after == before ? result : 10 + static_cast<int>(after - before);
+    });
+    ASSERT_TRUE(rc >= 0 && rc <= 2) << "allocation " << n << ": " << rc;
+    const std::string list = ReadFile(uid_list);
+    EXPECT_TRUE(list.empty() || list == "61001\n") << n << ": " << list;
+    if (rc == 2) ++thrown;
+    if (rc == 1) {
+      EXPECT_EQ(list, "61001\n");
+      break;
+    }
+  }
+  EXPECT_GT(thrown, 0);
+}
+
 }  // namespace
 }  // namespace settings_test
 }  // namespace test
