@@ -1,6 +1,7 @@
 // Portable implementation of the platform layer on POSIX and the C++ standard
 // library. See orvo_platform.h for the contract of each operation.
 #include "platform/orvo_platform.h"
+#include "lib/child_exit.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -316,7 +317,7 @@ int OLIBCProcForkChildNoWait(void) {
     }
     ssize_t ignored = write(fds[1], &child, sizeof(child));
     (void)ignored;
-    _exit(child < 0 ? 1 : 0);
+    velmora::ChildExit(child < 0 ? 1 : 0);
   }
   close(fds[1]);
   pid_t child = -1;

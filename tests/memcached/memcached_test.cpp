@@ -10,6 +10,7 @@
 #include <velmora/memcached.h>
 
 #include "support/log_capture.h"
+#include "support/one_shot_server.h"
 #include "support/server_process.h"
 
 namespace velmora {
@@ -408,6 +409,32 @@ TEST_P(MemcachedTest, ServerDownGivesFalseAndKeepsTheCode) {
   EXPECT_FALSE(exists);  // Exist writes its answer from the failed code.
   EXPECT_FALSE(client_->Set(Item("k", "v")));
   EXPECT_NE(client_->LastResult(), MEMCACHED_SUCCESS);
+}
+
+// A server that sends the first of two items and closes the connection
+// before the end of the answer: the items read so far are kept, the call
+// fails, even where missing items are allowed.
+TEST(MemcachedCutShortTest, MultiGetOfAnAnswerCutShortFailsKeepingTheItemsRead) {
+  const std::string path = "/run/velmora-test/memcached-cut-short.sock";
+  std::string request;
+  {
+    test::OneShotServer server(path, [&request](int fd) {
+      request = test::ReadUntilQuiet(fd, 200);
+      const std::string answer = "VALUE a 0 3\r\none\r\n";
+      test::WriteAll(fd, answer, answer.size());
+      close(fd);
+    });
+    ASSERT_TRUE(server.bound());
+    Memcached client(path);
+    std::vector<MemcachedData> out;
+    EXPECT_FALSE(client.MultiGet({"a", "b"}, out, true));
+    ASSERT_EQ(out.size(), 1u);
+    EXPECT_EQ(out[0].key, "a");
+    EXPECT_EQ(out[0].value, "one");
+    EXPECT_NE(client.LastResult(), MEMCACHED_END);
+    EXPECT_NE(client.LastResult(), MEMCACHED_NOTFOUND);
+  }
+  EXPECT_EQ(request, "get a b\r\n");
 }
 
 }  // namespace

@@ -595,6 +595,43 @@ TEST_F(PlatformTest, ForkChildNoWaitLeavesNoZombie) {
   EXPECT_EQ(errno, ECHILD);
 }
 
+// ---- Key file reader and writer, further cases ----
+
+TEST_F(PlatformTest, ReaderRefusesBadArgumentsAndLeavesTheTableAlone) {
+  const std::string path = dir_ / "read.conf";
+  ASSERT_TRUE(WriteFile(path, "b=2\n"));
+  Table table;
+  ASSERT_EQ(table.Set("a", "1"), 0);
+  EXPECT_LT(OLIBCFileGetKeys(path.c_str(), 1, table.address(), "="), 0);
+  EXPECT_LT(OLIBCFileGetKeys(path.c_str(), 0, table.address(), ""), 0);
+  EXPECT_LT(OLIBCFileGetKeys(path.c_str(), 0, table.address(), nullptr), 0);
+  EXPECT_LT(OLIBCFileGetKeys(nullptr, 0, table.address(), "="), 0);
+  EXPECT_LT(OLIBCFileGetKeys(path.c_str(), 0, nullptr, "="), 0);
+  EXPECT_EQ(Entries(table.get()), (Pairs{{"a", "1"}}));
+}
+
+// The writer hands its text to the file in pieces of 64 KiB; a table of
+// several pieces arrives whole and in order.
+TEST_F(PlatformTest, WriterOfATableLargerThanOnePieceWritesEveryPair) {
+  const std::string path = dir_ / "big.conf";
+  Table table;
+  Pairs pairs;
+  std::string expected;
+  for (int i = 0; i < 5000; ++i) {
+    std::string key = "key" + std::to_string(i);
+    std::string value(20 + i % 50, static_cast<char>('a' + i % 26));
+    ASSERT_EQ(table.Set(key, value), 0);
+    expected += key + "=" + value + "\n";
+    pairs.emplace_back(key, value);
+  }
+  ASSERT_GT(expected.size(), 3u * 64 * 1024);
+  ASSERT_EQ(OLIBCFileSetKeys(path.c_str(), table.get(), 0, 0), 0);
+  EXPECT_EQ(ReadFile(path), expected);
+  Table again;
+  ASSERT_EQ(OLIBCFileGetKeys(path.c_str(), 0, again.address(), "="), 0);
+  EXPECT_EQ(Entries(again.get()), pairs);
+}
+
 }  // namespace
 }  // namespace test
 }  // namespace velmora

@@ -936,5 +936,27 @@ TEST_F(FilesystemTest, UnlinkRemovesNameOrFailsWithErrno) {
   EXPECT_EQ(ListDir(dir_.path()), (std::vector<std::string>{"d", "keep"}));
 }
 
+TEST_F(FilesystemTest, CopyOfMissingSourceFailsAndCreatesNothing) {
+  const std::string from = dir_ / "missing";
+  const std::string to = dir_ / "copy";
+  LogCapture log;
+  EXPECT_EQ(sdk::Copy(from, to), -1);
+  EXPECT_FALSE(PathExists(to));
+  EXPECT_TRUE(Logged(log.Records(),
+                     {"Failed to Copy: " + from + " -> " + to + " No such file or directory"}));
+}
+
+// Only regular files, directories and symbolic links are copied.
+TEST_F(FilesystemTest, CopyOfAFifoIsRefusedAndCreatesNothing) {
+  const std::string from = dir_ / "fifo";
+  const std::string to = dir_ / "copy";
+  ASSERT_EQ(mkfifo(from.c_str(), 0644), 0);
+  LogCapture log;
+  EXPECT_EQ(sdk::Copy(from, to), -1);
+  EXPECT_FALSE(PathExists(to));
+  EXPECT_TRUE(Logged(log.Records(),
+                     {"Failed to Copy: " + from + " -> " + to + " Function not implemented"}));
+}
+
 }  // namespace
 }  // namespace velmora

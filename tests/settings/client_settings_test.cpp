@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include <velmora/file.h>
 #include <velmora/settings.h>
 
 #include "gmock/gmock.h"
@@ -394,6 +395,116 @@ TEST_F(ClientSettingsTest, LogoVersionIsTheImagesModificationTime) {
   ASSERT_EQ(unlink(kLogo), 0);
   ASSERT_EQ(symlink(image.c_str(), kLogo), 0);
   EXPECT_EQ(settings::GetCustomLogoVersion(), 1600000789L);
+}
+
+// A key-value file written as its object goes: an allocation failure inside
+// that write ends in the destructor (nothing escapes it), and the file is
+// either as it was or completely rewritten, with no temporary file beside it.
+TEST_F(ClientSettingsTest, KeyValueFileWrittenOnDestructionSurvivesAnAllocationFailure) {
+  const std::string dir = "/var/tmp/kv-on-destroy";
+  const std::string path = dir + "/a.conf";
+  ASSERT_TRUE(MakeDir(dir));
+  int failures = 0;
+  for (long n = 0; n < 2000; ++n) {
+    ASSERT_TRUE(WriteFile(path, "a=1\n"));
+    // 0: an allocation of the destruction failed; 1: none was left to fail.
+    int rc = InChild([&path, n] {
+      {
+        sdk::FileKeyValue kv(path);
+        if (!kv.ReadKeyValues(16, "=")) return 10;
+        if (!kv.Update("a", "2")) return 11;
+        kv.SetWriteOnDestroy(true);
+        g_fail_allocation_in = n;
+      }
+      const bool fired = g_fail_allocation_in < 0;
+      g_fail_allocation_in = -1;
+      return fired ? 0 : 1;
+    });
+    ASSERT_TRUE(rc == 0 || rc == 1) << "allocation " << n << " ended the child: " << rc;
+    const std::string after = ReadFile(path);
+    EXPECT_TRUE(after == "a=1\n" || after == "a=2\n") << n << ": " << after;
+    EXPECT_THAT(ListDir(dir), ElementsAre("a.conf")) << n;
+    if (rc == 1) {
+      EXPECT_EQ(after, "a=2\n");
+      break;
+    }
+    ++failures;
+  }
+  EXPECT_GT(failures, 0);
+}
+
+// The forked child that starts a user's fetchmail ends with status 0 even
+// when an allocation inside it fails: the caller sees a done start, and
+// fetchmail either ran completely or not at all.
+TEST_F(ClientSettingsTest, AStartWhoseChildMeetsAnAllocationFailureIsStillDone) {
+  ASSERT_TRUE(InstallFetchmailStandIn());
+  settings::Pop3Control control("vt");
+  const std::string dir = control.UserFetchMailPath(kUser1);
+  ASSERT_TRUE(MakeDir(dir, kUser1, kUser1, 0700));
+  ASSERT_TRUE(WriteOwned(dir + "quillbox_pop3_fetch", "set daemon 300\n", kUser1, kUser1, 0600));
+  int failures = 0;
+  for (long n = 0; n < 2000; ++n) {
+    ASSERT_TRUE(WriteFile(kFetchmailCalls, "", 0666));
+    int rc = InChild([&control, n] {
+      g_fail_allocation_in = n;
+      const bool done = control.DownPrivilegeFork(kUser1, settings::Pop3Control::ACTION_START, 60);
+      g_fail_allocation_in = -1;
+      return done ? 0 : 1;
+    });
+    ASSERT_EQ(rc, 0) << "allocation " << n;
+    const std::vector<Call> calls = FetchmailCalls();
+    if (!calls.empty()) {
+      EXPECT_THAT(calls, ElementsAre(StartCall(dir, kUser1, kUser1))) << n;
+      break;
+    }
+    ++failures;
+  }
+  EXPECT_GT(failures, 0);
+}
+
+// A POP3 start that meets an allocation failure at any point, thrown out of
+// it or not, leaves no descriptor open behind it (switch file, uid list,
+// lock), and the uid list holds the uid completely or not at all.
+TEST_F(ClientSettingsTest, AForceStartMeetingAnAllocationFailureLeaksNoDescriptor) {
+  ASSERT_TRUE(InstallFetchmailStandIn());
+  ASSERT_TRUE(MakeDir(kLockDir, kAccount, kAccount, 0755));
+  ASSERT_TRUE(MakeDir(std::string(kSpool) + "/vt/db", kAccount, kAccount, 0755));
+  ASSERT_TRUE(MakeDir(kSettingsDir, kAccount, kAccount, 0755));
+  const std::string uid_list = std::string(kSpool) + "/vt/db/vt_pop3_uid.config";
+  // A period line too long for a string's own buffer: reading it allocates.
+  ASSERT_TRUE(WriteFile(std::string(kSettingsDir) + "/vt_pop3.config",
+                        "true\n" + std::string(40, '0') + "5\n"));
+  settings::Pop3Control control("vt");
+  int thrown = 0;
+  for (long n = 0; n < 5000; ++n) {
+    ASSERT_TRUE(WriteOwned(uid_list, "", kAccount, kAccount, 0644));
+    // 0: met the failure, 1: no allocation was left to fail and the start
+    // succeeded, 2: threw, 3: failed without meeting the failure; 10 and up:
+    // descriptors left open.
+    int rc = InChild([&control, n] {
+      const size_t before = ListDir("/proc/self/fd").size();
+      int result = 0;
+      g_fail_allocation_in = n;
+      try {
+        const bool ok = control.ForceStart({kUser1});
+        result = g_fail_allocation_in < 0 ? 0 : (ok ? 1 : 3);
+      } catch (const std::bad_alloc&) {
+        result = 2;
+      }
+      g_fail_allocation_in = -1;
+      const size_t after = ListDir("/proc/self/fd").size();
+      return after == before ? result : 10 + static_cast<int>(after - before);
+    });
+    ASSERT_TRUE(rc >= 0 && rc <= 2) << "allocation " << n << ": " << rc;
+    const std::string list = ReadFile(uid_list);
+    EXPECT_TRUE(list.empty() || list == "61001\n") << n << ": " << list;
+    if (rc == 2) ++thrown;
+    if (rc == 1) {
+      EXPECT_EQ(list, "61001\n");
+      break;
+    }
+  }
+  EXPECT_GT(thrown, 0);
 }
 
 }  // namespace

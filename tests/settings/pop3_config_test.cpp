@@ -549,6 +549,19 @@ TEST_F(Pop3ConfigTest, ModifyWhenTheFileCannotBeReadLogsAndLeavesNoTemporaryFile
   EXPECT_THAT(capture.Records(), ElementsAre(Err("fail open quillbox pop3 fetch file")));
 }
 
+TEST_F(Pop3ConfigTest, ModifyOfAControlFileThatIsADirectoryLogsAndLeavesItAsItWas) {
+  Pop3Control control("vt");
+  ASSERT_TRUE(MakeDir(kUser1Dir, kUser1, kUser1, 0700));
+  ASSERT_TRUE(MakeDir(kUser1Rc, kUser1, kUser1, 0700));
+  ASSERT_TRUE(WriteFile(kUser1Rc + std::string("/inside"), "x"));
+  LogCapture capture;
+  EXPECT_FALSE(control.ModifyFetchmailrc(kUser1, 600));
+  EXPECT_TRUE(IsDirectoryPath(kUser1Rc));
+  EXPECT_THAT(ListDir(kUser1Rc), ElementsAre("inside"));
+  EXPECT_THAT(ListDir(kUser1Dir), ElementsAre("quillbox_pop3_fetch"));
+  EXPECT_THAT(capture.Records(), ElementsAre(Err("fail open quillbox pop3 fetch file")));
+}
+
 }  // namespace
 }  // namespace settings_test
 }  // namespace test

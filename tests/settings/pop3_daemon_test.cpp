@@ -977,6 +977,28 @@ TEST_F(Pop3DaemonTest, TheDetachedRestartLeavesNoZombie) {
   EXPECT_EQ(FetchmailCalls().size(), 6u);
 }
 
+// The user's passwd entry is larger than the first buffer of the lookup
+// that gives fetchmail its HOME, USER and LOGNAME.
+TEST_F(Pop3DaemonTest, FetchmailGetsTheHomeAndNameOfAUserWithALongPasswdEntry) {
+  MakeUserFiles(kUser1, kUser1);
+  LogCapture capture;
+  EXPECT_EQ(InChildWithPrivateMounts([this] {
+              const std::string entry = "vtuser1:x:61001:61001:" + std::string(5000, 'g') +
+                                        ":/var/tmp/home/vtuser1:/bin/sh\n";
+              if (!ReplacePasswd("vtuser1", entry)) return 64;
+              int bits = 0;
+              if (!control_.DownPrivilegeFork(kUser1, Pop3Control::ACTION_START, 60)) bits |= 1;
+              if (!control_.DownPrivilegeFork(kUser1, Pop3Control::ACTION_STOP, 0)) bits |= 2;
+              return bits;
+            }),
+            0);
+  EXPECT_THAT(FetchmailCalls(),
+              ElementsAre(StartCall(Dir(kUser1), kUser1, kUser1), StopCall(Dir(kUser1), kUser1)));
+  EXPECT_THAT(FetchmailEnvs(), ElementsAre(EnvLine("/var/tmp/home/vtuser1", "vtuser1"),
+                                           EnvLine("/var/tmp/home/vtuser1", "vtuser1")));
+  EXPECT_THAT(capture.Records(), IsEmpty());
+}
+
 }  // namespace
 }  // namespace settings_test
 }  // namespace test

@@ -94,6 +94,23 @@ TEST_F(UidConvertTest, UserWithAllBitsSetUidLooksLikeAFailureButLogsNothing) {
   EXPECT_THAT(capture.Records(), IsEmpty());
 }
 
+// A passwd entry larger than the lookup's first buffer (the size the C
+// library suggests, 1 KiB here) is found with a larger one.
+TEST_F(UidConvertTest, UserWhosePasswdEntryOutgrowsTheFirstBufferConverts) {
+  LogCapture capture;
+  int failed = InChildWithPrivateMounts([] {
+    const std::string entry =
+        "biggecos:x:62600:62600:" + std::string(5000, 'g') + ":/nonexistent:/bin/sh\n";
+    if (!ReplacePasswd("", entry)) return 64;
+    int bits = 0;
+    if (user::ConvertToUsername(62600) != "biggecos") bits |= 1;
+    if (user::ConvertFromUsername("biggecos") != 62600u) bits |= 2;
+    return bits;
+  });
+  EXPECT_EQ(failed, 0);
+  EXPECT_THAT(capture.Records(), IsEmpty());
+}
+
 }  // namespace
 }  // namespace settings_test
 }  // namespace test

@@ -25,6 +25,7 @@
 #include <velmora/file.h>
 #include <velmora/settings.h>
 
+#include "lib/child_exit.h"
 #include "lib/log.h"
 #include "platform/orvo_platform.h"
 
@@ -508,7 +509,7 @@ bool Pop3Control::DownPrivilegeFork(uint32_t uid, Action action, uint32_t interv
       }
     } catch (...) {
     }
-    _exit(0);
+    ChildExit(0);
   }
   int status = 0;
   pid_t reaped;
@@ -679,7 +680,7 @@ bool Pop3Control::SetThenRestart(const record::GlobalPOP3Config& config) const {
     }
   } catch (...) {
   }
-  _exit(0);
+  ChildExit(0);
 }
 
 }  // namespace settings
