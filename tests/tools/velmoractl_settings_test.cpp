@@ -46,12 +46,15 @@ TimedResult TimedTool(const std::vector<std::string>& args, const std::string& u
 }
 
 // Type, owner, mode, size and modification time of every entry below
-// `roots`: what a write would change.
+// `roots`: what a write would change. File systems mounted below a root are
+// left out: the runner binds a build tree that lives below /tmp there, and
+// other tests write into it meanwhile.
 std::map<std::string, std::string> Tree(const std::vector<std::string>& roots) {
   std::map<std::string, std::string> entries;
+  dev_t root_dev = 0;
   std::function<void(const std::string&)> walk = [&](const std::string& path) {
     struct stat st;
-    if (lstat(path.c_str(), &st) != 0) return;
+    if (lstat(path.c_str(), &st) != 0 || st.st_dev != root_dev) return;
     entries[path] = std::to_string(st.st_mode) + " " + std::to_string(st.st_uid) + ":" +
                     std::to_string(st.st_gid) + " " + std::to_string(st.st_size) + " " +
                     std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec);
@@ -59,7 +62,12 @@ std::map<std::string, std::string> Tree(const std::vector<std::string>& roots) {
       for (const std::string& name : ListDir(path)) walk(path + "/" + name);
     }
   };
-  for (const std::string& root : roots) walk(root);
+  for (const std::string& root : roots) {
+    struct stat st;
+    if (lstat(root.c_str(), &st) != 0) continue;
+    root_dev = st.st_dev;
+    walk(root);
+  }
   return entries;
 }
 
