@@ -454,10 +454,12 @@ class VelmoractlInteractive : public ::testing::TestWithParam<bool> {
         << pane;
   }
 
-  // Empties the command line and the screen.
+  // Empties the command line and the screen with readline's own editing
+  // keys. Not C-c: the terminal turns it into a SIGINT that bash may act on
+  // only after it has read the keys typed next, and then drops the next
+  // step's line.
   void Clear() {
-    terminal_.Keys({"C-c"});
-    terminal_.Keys({"C-l"});
+    terminal_.Keys({"C-e", "C-u", "C-l"});
     std::string pane;
     ASSERT_TRUE(terminal_.WaitFor(
         [](const std::string& p) {
