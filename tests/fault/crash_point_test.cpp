@@ -358,8 +358,14 @@ TEST_P(CrashPointTest, KilledWriterLeavesAWholeFile) {
   if (!path.targets[0].atomic) {
     EXPECT_GT(figures.missing + figures.partial, 0);
   }
-  EXPECT_GT(figures.whole[0], 0);
-  EXPECT_GT(figures.whole[1], 0);
+  if (path.targets[0].atomic) {
+    EXPECT_GT(figures.whole[0], 0);
+    EXPECT_GT(figures.whole[1], 0);
+  } else {
+    // The writer removes the old target before it copies, so a kill finds
+    // the old version whole only in that short gap: any whole version will do.
+    EXPECT_GT(figures.whole[0] + figures.whole[1], 0);
+  }
 
   std::string phases;
   for (size_t k = 0; k < path.phase_names.size(); ++k) {
