@@ -40,18 +40,6 @@ std::string LineEnd(const std::string& text) {
   return last != std::string::npos && last > 0 && text[last - 1] == '\r' ? "\r\n" : "\n";
 }
 
-// Why rename(2) would refuse to replace `target` (whose status is `st`):
-// EPERM for a caller other than root who owns neither the file nor its
-// sticky directory; 0 for no such refusal.
-int ReplaceRefusal(const std::string& target, const struct stat& st) {
-  const uid_t self = geteuid();
-  if (self == 0 || st.st_uid == self) return 0;
-  struct stat dir;
-  const std::string parent = target.substr(0, target.rfind('/') + 1);
-  if (stat(parent.c_str(), &dir) != 0) return 0;
-  return (dir.st_mode & S_ISVTX) != 0 && dir.st_uid != self ? EPERM : 0;
-}
-
 // errno as a message tail: ": <reason>", or "" when it is 0.
 // NOLINTNEXTLINE(concurrency-mt-unsafe): velmoractl runs one thread
 std::string Reason(int err) { return err != 0 ? std::string(": ") + std::strerror(err) : ""; }
@@ -214,11 +202,10 @@ void KvSet(Context& ctx, const std::string& path, const std::string& key,
   }
   if (temp.MoveTo(target) != 0) {
     // The file was written and flushed through a descriptor of its own, so
-    // what fails here is the rename, which leaves no errno: the one refusal
-    // a caller can cause is looked for instead.
-    const int move_err = ReplaceRefusal(target, st);
-    Fail(ctx, StatusForErrno(move_err, kFailed),
-         "cannot replace " + Quote(path) + Reason(move_err));
+    // what fails here is the rename, which leaves no errno but a log line.
+    // (A caller refused the rename in a sticky directory, not owning the
+    // file, was already refused the chown above.)
+    Fail(ctx, kFailed, "cannot replace " + Quote(path) + " (see the system log)");
     return;
   }
   Verbose(ctx, (added ? "added " + key + " to " : "set " + key + " in ") + path);
