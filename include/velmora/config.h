@@ -4,7 +4,10 @@
 // concerns).
 //
 // Threads and processes: KeyTreeStore::instance() is a plain, unsynchronised
-// test-and-set of a static pointer. Call it once before starting threads;
+// test-and-set of a static pointer (deliberate: every lookup goes through it,
+// and callers build it before their threads start, so no call pays for a
+// lock; two racing first calls would leak one instance). Call it once before
+// starting threads;
 // after that every lookup only reads fixed maps and may run on any number of
 // threads at once. The instance is never freed, so it stays valid in a
 // forked child. No operation here logs or reports an error.
@@ -32,7 +35,8 @@ class VELMORA_EXPORT KeyTreeStore {
 
   // Returns the process's one instance, building it on first use; it is never
   // freed. If building throws, nothing is kept and the next call tries again.
-  // Not thread-safe on first use (see above).
+  // Not thread-safe on first use, deliberately: no lock on the lookup path
+  // (see above).
   static KeyTreeStore* instance();
 
   // Returns "<tree>/<key>" when the key, or its family (the key up to and

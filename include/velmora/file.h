@@ -4,10 +4,17 @@
 //
 // The free functions are stateless and reentrant. Objects (TempFile,
 // FileLock, ExclusiveFileLockGuard, FileKeyValue) are used by one thread at a
-// time. A FileLock's descriptor is shared with children across fork() and is
-// never inherited across exec(). Failures are reported by result, with one
-// line at LOG_LOCAL1|LOG_ERR through syslog(3); nothing is thrown except by
-// EnumDirectory and on memory exhaustion.
+// time. A FileLock's descriptor is shared with children across fork() (so a
+// child that unlocks or destroys it releases the parent's lock too) and is
+// never inherited across exec(); every descriptor here is close-on-exec. A
+// TempFile carried into a child removes the same file when the child
+// destroys it, and a FileKeyValue set to write on destroy writes it again.
+//
+// Failures are reported by result, with one line at LOG_LOCAL1|LOG_ERR
+// through syslog(3); nothing is thrown except by EnumDirectory and on memory
+// exhaustion. errno tells why a call failed only where its line below says
+// so; after any other failure (a logged one above all) it holds nothing a
+// caller may rely on.
 #ifndef VELMORA_FILE_H_
 #define VELMORA_FILE_H_
 
@@ -44,7 +51,7 @@ VELMORA_EXPORT std::string RealPath(const std::string& path);
 VELMORA_EXPORT uint64_t FileSize(const std::string& path);
 // Removes `path` and everything below it. 0 on success (also when nothing was
 // there); -1 on failure (logged).
-VELMORA_EXPORT int RemoveAll(const std::string& path);
+[[nodiscard]] VELMORA_EXPORT int RemoveAll(const std::string& path);
 // True when anything (following links) is at `path`; false otherwise. A
 // status error other than "not found" is logged.
 VELMORA_EXPORT bool Exist(const std::string& path);
@@ -69,11 +76,11 @@ VELMORA_EXPORT std::vector<std::string> EnumDirectory(const std::string& path);
 [[nodiscard]] VELMORA_EXPORT int Rename(const std::string& from, const std::string& to);
 // Creates a missing file (mode 0644 less umask) or updates its times.
 // 0 on success; -1 on failure.
-VELMORA_EXPORT int TouchFile(const std::string& path);
+[[nodiscard]] VELMORA_EXPORT int TouchFile(const std::string& path);
 // True when the caller may read `path`.
 VELMORA_EXPORT bool CanAccess(const std::string& path);
 // unlink(2) of `path`: 0, or -1 with errno set.
-VELMORA_EXPORT int Unlink(const std::string& path);
+[[nodiscard]] VELMORA_EXPORT int Unlink(const std::string& path);
 // A path made from `model`, each "%" replaced by a random lowercase hex digit,
 // at which nothing exists at the time of the check (the file is not created).
 // "" after 1000 tries (logged).
@@ -90,7 +97,8 @@ class VELMORA_EXPORT TempFile {
   TempFile();
   // Creates `prefix` + "-XXXXX-XXXXX-XXXXX-XXXXX.tmp" (X a random hex digit)
   // with the ordinary mode of a new file. On failure (empty prefix, no free
-  // name, missing directory) valid_ is false and no file exists.
+  // name, missing directory) valid_ is false and no file exists; when a name
+  // was found (path() not empty) and could not be opened, errno tells why.
   explicit TempFile(const std::string& prefix);
   // Removes the temporary name if it still exists.
   ~TempFile();
@@ -102,13 +110,14 @@ class VELMORA_EXPORT TempFile {
   // when valid_ is false; a write error is remembered for MoveTo.
   void WriteLine(const std::string& line);
   // chown(2) of the temporary file: 0, or -1 with errno.
-  int Chown(unsigned int uid, unsigned int gid);
+  [[nodiscard]] int Chown(unsigned int uid, unsigned int gid);
   // chmod(2) of the temporary file: 0, or -1 with errno.
-  int Chmod(unsigned int mode);
+  [[nodiscard]] int Chmod(unsigned int mode);
   // Closes the file, flushes it to disk and renames it to `target`, then
   // flushes the target's directory. 0 on success. -1 when a line could not be
   // written or flushed (nothing is renamed; errno tells why) or the rename
-  // failed (logged). valid_ is false afterwards in every case.
+  // failed (logged; errno then means nothing). valid_ is false afterwards in
+  // every case.
   [[nodiscard]] int MoveTo(const std::string& target);
 
   // Path of the temporary file; "" when no name was found.
@@ -138,10 +147,10 @@ class VELMORA_EXPORT FileLock {
   // Opens (creating it, mode 0666 less umask) the lock file and waits for the
   // lock. True when held (at once if already held); false on an empty path or
   // a failure (logged), with fd_ at -1.
-  bool Lock();
+  [[nodiscard]] bool Lock();
   // Releases the lock and closes the descriptor. True when nothing is held
   // any more; false on failure (logged), fd_ kept.
-  bool Unlock();
+  [[nodiscard]] bool Unlock();
 
  protected:
   std::string path_;
@@ -163,11 +172,11 @@ class VELMORA_EXPORT ExclusiveFileLockGuard : public FileLock {
 
   // True when the lock is held after at most retries+1 attempts, one second
   // apart. False at once, without an attempt, when retries is 0.
-  bool LockRetry();
+  [[nodiscard]] bool LockRetry();
   // Makes `user` (with its primary group) the owner of the lock file. True on
   // success; false when no lock is held, the user is unknown, a non-root
   // caller is not that user, or chown fails (logged except the first).
-  bool Guardian(const std::string& user);
+  [[nodiscard]] bool Guardian(const std::string& user);
 
  private:
   uint64_t retries_;
@@ -189,17 +198,17 @@ class VELMORA_EXPORT FileKeyValue {
 
   // (Re)loads the file, discarding unsaved changes. True on success; false
   // when the table cannot be allocated or the file cannot be read.
-  bool ReadKeyValues(int table_size, const std::string& separator);
+  [[nodiscard]] bool ReadKeyValues(int table_size, const std::string& separator);
   // The value of `key`; "" when there is no such key or nothing was read.
   std::string Get(const std::string& key);
   // True when the table holds `key` (whatever its value, an empty one too).
   bool Contains(const std::string& key) const;
   // Sets or adds the pair in memory only. True on success.
-  bool Update(const std::string& key, const std::string& value);
+  [[nodiscard]] bool Update(const std::string& key, const std::string& value);
   // Replaces the existing file with the table (an empty file when nothing was
   // read). True on success; false (logged) with the file untouched, no
   // temporary file left, and the table and dirty state kept for a retry.
-  bool Write();
+  [[nodiscard]] bool Write();
   // When set, the destructor writes unsaved changes.
   void SetWriteOnDestroy(bool on) { write_on_destroy_ = on; }
 

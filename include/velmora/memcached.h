@@ -53,43 +53,57 @@ class VELMORA_EXPORT Memcached {
   // MEMCACHED_SUCCESS (exceptions noted) and keeps the code in LastResult().
 
   // memcached_behavior_set.
-  bool BehaviorSet(memcached_behavior_t flag, uint64_t data);
+  [[nodiscard]] bool BehaviorSet(memcached_behavior_t flag, uint64_t data);
   // data = memcached_behavior_get; true whenever a server is bound; the last
   // result is not changed.
-  bool BehaviorGet(memcached_behavior_t flag, uint64_t& data);
+  [[nodiscard]] bool BehaviorGet(memcached_behavior_t flag, uint64_t& data);
   // Store with d.expiration and d.flags.
-  bool Set(const MemcachedData& d);
-  bool Add(const MemcachedData& d);
-  bool Replace(const MemcachedData& d);
+  [[nodiscard]] bool Set(const MemcachedData& d);
+  [[nodiscard]] bool Add(const MemcachedData& d);
+  [[nodiscard]] bool Replace(const MemcachedData& d);
   // Store only if the item's cas value is still `cas`.
-  bool Cas(const MemcachedData& d, const uint64_t& cas);
+  [[nodiscard]] bool Cas(const MemcachedData& d, const uint64_t& cas);
   // Append/prepend to an existing item (flags and expiration 0).
-  bool Append(const std::string& key, const std::string& value);
-  bool Prepend(const std::string& key, const std::string& value);
-  bool Delete(const std::string& key);
+  [[nodiscard]] bool Append(const std::string& key, const std::string& value);
+  [[nodiscard]] bool Prepend(const std::string& key, const std::string& value);
+  [[nodiscard]] bool Delete(const std::string& key);
   // value receives the new counter.
-  bool Increment(const std::string& key, uint32_t offset, uint64_t& value);
-  bool Decrement(const std::string& key, uint32_t offset, uint64_t& value);
-  bool Touch(const std::string& key, time_t expiration);
+  [[nodiscard]] bool Increment(const std::string& key, uint32_t offset, uint64_t& value);
+  [[nodiscard]] bool Decrement(const std::string& key, uint32_t offset, uint64_t& value);
+  [[nodiscard]] bool Touch(const std::string& key, time_t expiration);
   // True when the server answered (found or not found); exists tells which.
-  bool Exist(const std::string& key, bool& exists);
+  [[nodiscard]] bool Exist(const std::string& key, bool& exists);
   // out.key, out.value (up to its first NUL) and out.flags of the item; out
   // untouched when it is missing or on failure.
-  bool Get(const std::string& key, MemcachedData& out);
+  [[nodiscard]] bool Get(const std::string& key, MemcachedData& out);
   // Like Get, with the item's cas value. True only when exactly one item came
   // back; out and cas may have been written even when false.
-  bool Gets(const std::string& key, MemcachedData& out, uint64_t& cas);
+  [[nodiscard]] bool Gets(const std::string& key, MemcachedData& out, uint64_t& cas);
   // Appends one record per item found (flags 0, expiration default_timeout),
   // in the server's order; empty keys are left out. True when the fetch ended
   // normally, or ended with "not found" and allow_notfound is set.
-  bool MultiGet(const std::vector<std::string>& keys, std::vector<MemcachedData>& out,
-                bool allow_notfound);
+  [[nodiscard]] bool MultiGet(const std::vector<std::string>& keys, std::vector<MemcachedData>& out,
+                              bool allow_notfound);
 
   // Code of the last libmemcached call that reports one (MEMCACHED_SUCCESS at
   // first).
   memcached_return_t LastResult() const { return last_result_; }
 
  private:
+  // A libmemcached store call: memcached_set, _add, _replace, _append or
+  // _prepend.
+  using StoreCall = memcached_return_t (*)(memcached_st*, const char*, size_t, const char*, size_t,
+                                           time_t, uint32_t);
+
+  // False at once, the last result unchanged, when no server is bound.
+  // Otherwise runs op(handle_), keeps the code it returns as the last result
+  // and returns true when that code is MEMCACHED_SUCCESS or `also_accepted`.
+  template <typename Op>
+  bool Run(Op op, memcached_return_t also_accepted = MEMCACHED_SUCCESS);
+  // Run of `call` with the key, the value, `expiration` and `flags`.
+  bool Store(StoreCall call, const std::string& key, const std::string& value, time_t expiration,
+             uint32_t flags);
+
   memcached_st* handle_;
   memcached_return_t last_result_;
   bool ready_;

@@ -119,14 +119,16 @@ class VELMORA_EXPORT Pop3Control {
 
   // Child side of a start: sets the interval (seconds) in the control file,
   // drops to the file's group and then to `uid`, and runs fetchmail on the
-  // user's files. Changes the identity of the calling process: call it only
-  // in the child of DownPrivilegeFork. True when fetchmail succeeded or is
+  // user's files. Changes the identity of the calling process, deliberately:
+  // it is the child side of DownPrivilegeFork, which must become the user to
+  // run fetchmail; call it only there. True when fetchmail succeeded or is
   // not installed; false on failure (logged).
   [[nodiscard]] bool Start(uint32_t uid, uint32_t interval) const;
 
   // Child side of a stop: drops to `uid` (the group is kept) and runs
-  // fetchmail --quit on the user's pid file. Same caveats and results as
-  // Start.
+  // fetchmail --quit on the user's pid file. Changes the caller's identity
+  // deliberately, like Start (call it only in DownPrivilegeFork's child); same
+  // results as Start.
   [[nodiscard]] bool Stop(uint32_t uid) const;
 
   // Forks a child that runs Start(uid, interval) or Stop(uid) and always

@@ -1,7 +1,9 @@
 // Client of the suite's local query sockets: one request, then the whole
 // answer read until the server closes the connection.
 //
-// Reentrant: every call has its own socket; nothing is kept between calls.
+// Reentrant: every call has its own socket (close-on-exec) and nothing is
+// kept between calls, so it may be called from any thread and in a forked
+// child.
 #ifndef VELMORA_SOCKET_H_
 #define VELMORA_SOCKET_H_
 

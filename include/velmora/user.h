@@ -21,7 +21,7 @@ VELMORA_EXPORT std::string ConvertToUsername(uint32_t uid);
 
 // Returns the uid of the user called `name`; 0xFFFFFFFF when there is no such
 // user (logged). A user whose uid is 0xFFFFFFFF looks the same as a failure.
-VELMORA_EXPORT uint32_t ConvertFromUsername(const std::string& name);
+[[nodiscard]] VELMORA_EXPORT uint32_t ConvertFromUsername(const std::string& name);
 
 }  // namespace user
 }  // namespace velmora

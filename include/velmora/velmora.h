@@ -1,5 +1,7 @@
 // libvelmora: the shared support library of the Velmora mail-server suite.
-// Including this header declares every public name of the library.
+// Including this header declares every public name of the library. Each
+// family's header says whether its objects may be shared between threads or
+// carried across fork().
 #ifndef VELMORA_VELMORA_H_
 #define VELMORA_VELMORA_H_
 

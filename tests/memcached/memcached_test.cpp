@@ -387,7 +387,7 @@ TEST_P(MemcachedTest, BehaviorsSetAndReadBack) {
   ASSERT_TRUE(client_->BehaviorGet(MEMCACHED_BEHAVIOR_TCP_NODELAY, value));
   EXPECT_EQ(value, 1u);
   // A read does not change the last result.
-  client_->Delete("absent");
+  EXPECT_FALSE(client_->Delete("absent"));
   ASSERT_EQ(client_->LastResult(), MEMCACHED_NOTFOUND);
   ASSERT_TRUE(client_->BehaviorGet(MEMCACHED_BEHAVIOR_TCP_NODELAY, value));
   EXPECT_EQ(client_->LastResult(), MEMCACHED_NOTFOUND);

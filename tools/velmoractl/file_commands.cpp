@@ -1,8 +1,10 @@
 // kv, lock, query: key=value settings files, running a command under an
 // exclusive lock file, and one request to a local query socket.
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,10 +28,44 @@ namespace {
 // Initial size of the key table; it grows as the file needs.
 constexpr int kTableSize = 1024;
 
+// The library's calls below leave no errno behind; these repeat the step
+// that failed to learn why. 0 when the repeat succeeds.
+
+// Why `path` could not be read: the open or the first read, as the reader
+// makes them.
+int ReadCause(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+  if (fd < 0) return errno;
+  char byte;
+  const int err = read(fd, &byte, 1) < 0 ? errno : 0;
+  close(fd);
+  return err;
+}
+
+// Why the lock file `path` could not be locked: its open as FileLock makes
+// it (creating the file, as the lock would have). 0 when it opens: the wait
+// for the lock itself failed.
+int LockCause(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_CLOEXEC, 0666);
+  if (fd < 0) return errno;
+  close(fd);
+  return 0;
+}
+
+// Why the query socket `socket` gave no answer, as far as the path tells:
+// missing, not reachable, not a socket (connect(2) refuses those), or not
+// writable; 0 when a socket the caller may use is there and the exchange
+// itself failed.
+int QueryCause(const std::string& socket) {
+  struct stat st;
+  if (stat(socket.c_str(), &st) != 0) return errno;
+  if (!S_ISSOCK(st.st_mode)) return ECONNREFUSED;
+  return access(socket.c_str(), W_OK) != 0 ? errno : 0;
+}
+
 bool ReadFile(Context& ctx, velmora::sdk::FileKeyValue& file, const std::string& path) {
-  errno = 0;
   if (file.ReadKeyValues(kTableSize, "=")) return true;
-  const int err = errno;
+  const int err = ReadCause(path);
   Fail(ctx, StatusForFileErrno(err, kFailed),
        // NOLINTNEXTLINE(concurrency-mt-unsafe): velmoractl runs one thread
        "cannot read " + Quote(path) + (err != 0 ? std::string(": ") + std::strerror(err) : ""));
@@ -153,7 +189,6 @@ void Lock(Context& ctx, const std::string& path, const LockOptions& options,
   // it: the lock is held by this process until the command has ended.
   std::unique_ptr<velmora::sdk::FileLock> lock;
   bool held = false;
-  errno = 0;
   if (options.retry) {
     auto guard = std::make_unique<velmora::sdk::ExclusiveFileLockGuard>(path, options.retries);
     held = guard->fd_ >= 0;
@@ -162,7 +197,6 @@ void Lock(Context& ctx, const std::string& path, const LockOptions& options,
     lock = std::make_unique<velmora::sdk::FileLock>(path, true);
     held = lock->Lock();
   }
-  const int err = errno;
   if (options.timeout > 0) {
     alarm(0);
     sigaction(SIGALRM, &old_alarm, nullptr);
@@ -173,6 +207,7 @@ void Lock(Context& ctx, const std::string& path, const LockOptions& options,
            "the lock " + Quote(path) + " is still held after " + std::to_string(options.timeout) +
                " s");
     } else {
+      const int err = LockCause(path);
       Fail(ctx, StatusForFileErrno(err, kFailed),
            // NOLINTNEXTLINE(concurrency-mt-unsafe): velmoractl runs one thread
            "cannot lock " + Quote(path) + (err != 0 ? std::string(": ") + std::strerror(err) : ""));
@@ -185,14 +220,14 @@ void Lock(Context& ctx, const std::string& path, const LockOptions& options,
 
 void Query(Context& ctx, const std::string& socket, const std::string& request, int timeout) {
   std::string response;
-  errno = 0;
   if (velmora::common::socket::QuerySockServer(socket, request, response, timeout) != 0) {
-    const int err = errno;
+    const int err = QueryCause(socket);
     const int status = err == EACCES || err == EPERM ? kDenied : kUnreachable;
     Fail(ctx, status,
          "no answer from " + Quote(socket) +
              // NOLINTNEXTLINE(concurrency-mt-unsafe): velmoractl runs one thread
-             (err != 0 ? std::string(": ") + std::strerror(err) : ""));
+             (err != 0 ? std::string(": ") + std::strerror(err)
+                       : std::string(": the exchange failed (see the system log)")));
     return;
   }
   if (ctx.json) {

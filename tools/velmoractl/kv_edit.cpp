@@ -187,10 +187,10 @@ void KvSet(Context& ctx, const std::string& path, const std::string& key,
   const bool added = SetInText(text, key, value);
 
   // The temporary name is removed when `temp` goes, unless it was renamed.
-  errno = 0;
   velmora::sdk::TempFile temp(target);
   if (!temp.valid_) {
-    const int err = errno;
+    // errno tells why only when a name was found and its open failed.
+    const int err = temp.path().empty() ? 0 : errno;
     Fail(ctx, StatusForErrno(err, kFailed),
          "cannot create a temporary file beside " + Quote(path) + Reason(err));
     return;
@@ -200,11 +200,12 @@ void KvSet(Context& ctx, const std::string& path, const std::string& key,
     Fail(ctx, StatusForErrno(err, kFailed), "cannot write " + Quote(path) + Reason(err));
     return;
   }
-  errno = 0;
   if (temp.MoveTo(target) != 0) {
-    const int move_err = errno;
-    Fail(ctx, StatusForErrno(move_err, kFailed),
-         "cannot replace " + Quote(path) + Reason(move_err));
+    // The file was written and flushed through a descriptor of its own, so
+    // what fails here is the rename, which leaves no errno but a log line.
+    // (A caller refused the rename in a sticky directory, not owning the
+    // file, was already refused the chown above.)
+    Fail(ctx, kFailed, "cannot replace " + Quote(path) + " (see the system log)");
     return;
   }
   Verbose(ctx, (added ? "added " + key + " to " : "set " + key + " in ") + path);

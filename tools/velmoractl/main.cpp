@@ -8,6 +8,7 @@
 #include <iostream>
 #include <limits>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -291,12 +292,8 @@ class UsageFormatter : public CLI::Formatter {
   }
 };
 
-}  // namespace
-}  // namespace velmoractl
-
-// NOLINTNEXTLINE(bugprone-exception-escape): only memory exhaustion can escape
-int main(int argc, char** argv) {
-  using namespace velmoractl;
+// The whole run: parse the command line, run the command, give its status.
+int Run(int argc, char** argv) {
   Context ctx;
   CLI::App app{
       "Command-line access to libvelmora: key routing, settings, the POP3 fetch "
@@ -352,4 +349,22 @@ int main(int argc, char** argv) {
     return kFailed;
   }
   return ctx.status;
+}
+
+}  // namespace
+}  // namespace velmoractl
+
+// Memory exhaustion is caught below; CLI11's construction errors (a parser
+// built wrongly) are programming errors and may end the program.
+// NOLINTNEXTLINE(bugprone-exception-escape)
+int main(int argc, char** argv) {
+  try {
+    return velmoractl::Run(argc, argv);
+  } catch (const std::bad_alloc&) {
+    // Memory ran out somewhere in the command: its one line, written
+    // without allocating, and the generic failure instead of an abort.
+    // NOLINTNEXTLINE(cert-err33-c): nothing is left to report a failed write to
+    std::fputs("velmoractl: out of memory\n", stderr);
+    return velmoractl::kFailed;
+  }
 }

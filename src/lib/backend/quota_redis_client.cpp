@@ -64,6 +64,20 @@ std::vector<std::string> UserdbKeys(const std::vector<std::string>& users,
   return keys;
 }
 
+// The user's value of `attr`; "" when absent or not read. GetUserdbAttr
+// always maps every attr it was given, so the lookup cannot miss today; the
+// guard stays, logged under the name of `operation`, in case that changes.
+std::string UserdbValue(QuotaRedisClient& client, const std::string& user, const char* attr,
+                        const char* operation) {
+  const std::unordered_map<std::string, std::string> values = client.GetUserdbAttr(user, {attr});
+  try {
+    return values.at(attr);
+  } catch (const std::out_of_range& e) {
+    VELMORA_LOG("Failed to %s, user: [%s], out_of_range: [%s]", operation, user.c_str(), e.what());
+    return std::string();
+  }
+}
+
 }  // namespace
 
 QuotaRedisClient::QuotaRedisClient() : RedisClient(kHost, kPort, kConnectTimeoutMs) {}
@@ -130,26 +144,11 @@ std::unordered_map<std::string, std::string> QuotaRedisClient::ListUserdbQuotaWa
 }
 
 std::string QuotaRedisClient::GetUserdbQuotaLimit(const std::string& user) {
-  const std::unordered_map<std::string, std::string> values = GetUserdbAttr(user, {kQuotaAttr});
-  try {
-    return values.at(kQuotaAttr);
-  } catch (const std::out_of_range& e) {
-    VELMORA_LOG("Failed to GetUserdbQuotaLimit, user: [%s], out_of_range: [%s]", user.c_str(),
-                e.what());
-    return std::string();
-  }
+  return UserdbValue(*this, user, kQuotaAttr, "GetUserdbQuotaLimit");
 }
 
 std::string QuotaRedisClient::GetUserdbQuotaWarning(const std::string& user) {
-  const std::unordered_map<std::string, std::string> values =
-      GetUserdbAttr(user, {kQuotaWarningAttr});
-  try {
-    return values.at(kQuotaWarningAttr);
-  } catch (const std::out_of_range& e) {
-    VELMORA_LOG("Failed to GetUserdbQuotaWarning, user: [%s], out_of_range: [%s]", user.c_str(),
-                e.what());
-    return std::string();
-  }
+  return UserdbValue(*this, user, kQuotaWarningAttr, "GetUserdbQuotaWarning");
 }
 
 }  // namespace backend

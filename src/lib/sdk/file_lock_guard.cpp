@@ -16,7 +16,9 @@ constexpr char kLogModule[] = "src/lib/sdk/file_lock_guard";
 
 ExclusiveFileLockGuard::ExclusiveFileLockGuard(std::string path, unsigned long retries)
     : FileLock(std::move(path), true), retries_(retries) {
-  LockRetry();
+  // Deliberately unchecked: a constructor has no result, and the guard's
+  // callers learn the outcome from fd_ (held when not negative).
+  static_cast<void>(LockRetry());
 }
 
 bool ExclusiveFileLockGuard::LockRetry() {

@@ -42,12 +42,26 @@ Memcached::~Memcached() {
   if (handle_ != nullptr) memcached_free(handle_);
 }
 
-bool Memcached::BehaviorSet(memcached_behavior_t flag, uint64_t data) {
+template <typename Op>
+bool Memcached::Run(Op op, memcached_return_t also_accepted) {
   if (!ready_) return false;
-  last_result_ = memcached_behavior_set(handle_, flag, data);
-  return last_result_ == MEMCACHED_SUCCESS;
+  last_result_ = op(handle_);
+  return last_result_ == MEMCACHED_SUCCESS || last_result_ == also_accepted;
 }
 
+bool Memcached::Store(StoreCall call, const std::string& key, const std::string& value,
+                      time_t expiration, uint32_t flags) {
+  return Run([&](memcached_st* handle) {
+    return call(handle, key.data(), key.size(), value.data(), value.size(), expiration, flags);
+  });
+}
+
+bool Memcached::BehaviorSet(memcached_behavior_t flag, uint64_t data) {
+  return Run([&](memcached_st* handle) { return memcached_behavior_set(handle, flag, data); });
+}
+
+// The only operation that leaves the last result alone: the behaviour's value
+// is not a return code.
 bool Memcached::BehaviorGet(memcached_behavior_t flag, uint64_t& data) {
   if (!ready_) return false;
   data = memcached_behavior_get(handle_, flag);
@@ -55,76 +69,66 @@ bool Memcached::BehaviorGet(memcached_behavior_t flag, uint64_t& data) {
 }
 
 bool Memcached::Set(const MemcachedData& d) {
-  if (!ready_) return false;
-  last_result_ = memcached_set(handle_, d.key.data(), d.key.size(), d.value.data(), d.value.size(),
-                               d.expiration, d.flags);
-  return last_result_ == MEMCACHED_SUCCESS;
+  return Store(memcached_set, d.key, d.value, d.expiration, d.flags);
 }
 
 bool Memcached::Add(const MemcachedData& d) {
-  if (!ready_) return false;
-  last_result_ = memcached_add(handle_, d.key.data(), d.key.size(), d.value.data(), d.value.size(),
-                               d.expiration, d.flags);
-  return last_result_ == MEMCACHED_SUCCESS;
+  return Store(memcached_add, d.key, d.value, d.expiration, d.flags);
 }
 
 bool Memcached::Replace(const MemcachedData& d) {
-  if (!ready_) return false;
-  last_result_ = memcached_replace(handle_, d.key.data(), d.key.size(), d.value.data(),
-                                   d.value.size(), d.expiration, d.flags);
-  return last_result_ == MEMCACHED_SUCCESS;
+  return Store(memcached_replace, d.key, d.value, d.expiration, d.flags);
 }
 
 bool Memcached::Cas(const MemcachedData& d, const uint64_t& cas) {
-  if (!ready_) return false;
-  last_result_ = memcached_cas(handle_, d.key.data(), d.key.size(), d.value.data(), d.value.size(),
-                               d.expiration, d.flags, cas);
-  return last_result_ == MEMCACHED_SUCCESS;
+  return Run([&](memcached_st* handle) {
+    return memcached_cas(handle, d.key.data(), d.key.size(), d.value.data(), d.value.size(),
+                         d.expiration, d.flags, cas);
+  });
 }
 
+// Append and prepend always pass expiration 0 and flags 0, whatever the item
+// had.
 bool Memcached::Append(const std::string& key, const std::string& value) {
-  if (!ready_) return false;
-  last_result_ =
-      memcached_append(handle_, key.data(), key.size(), value.data(), value.size(), 0, 0);
-  return last_result_ == MEMCACHED_SUCCESS;
+  return Store(memcached_append, key, value, 0, 0);
 }
 
 bool Memcached::Prepend(const std::string& key, const std::string& value) {
-  if (!ready_) return false;
-  last_result_ =
-      memcached_prepend(handle_, key.data(), key.size(), value.data(), value.size(), 0, 0);
-  return last_result_ == MEMCACHED_SUCCESS;
+  return Store(memcached_prepend, key, value, 0, 0);
 }
 
 bool Memcached::Delete(const std::string& key) {
-  if (!ready_) return false;
-  last_result_ = memcached_delete(handle_, key.data(), key.size(), 0);
-  return last_result_ == MEMCACHED_SUCCESS;
+  return Run(
+      [&](memcached_st* handle) { return memcached_delete(handle, key.data(), key.size(), 0); });
 }
 
 bool Memcached::Increment(const std::string& key, uint32_t offset, uint64_t& value) {
-  if (!ready_) return false;
-  last_result_ = memcached_increment(handle_, key.data(), key.size(), offset, &value);
-  return last_result_ == MEMCACHED_SUCCESS;
+  return Run([&](memcached_st* handle) {
+    return memcached_increment(handle, key.data(), key.size(), offset, &value);
+  });
 }
 
 bool Memcached::Decrement(const std::string& key, uint32_t offset, uint64_t& value) {
-  if (!ready_) return false;
-  last_result_ = memcached_decrement(handle_, key.data(), key.size(), offset, &value);
-  return last_result_ == MEMCACHED_SUCCESS;
+  return Run([&](memcached_st* handle) {
+    return memcached_decrement(handle, key.data(), key.size(), offset, &value);
+  });
 }
 
 bool Memcached::Touch(const std::string& key, time_t expiration) {
-  if (!ready_) return false;
-  last_result_ = memcached_touch(handle_, key.data(), key.size(), expiration);
-  return last_result_ == MEMCACHED_SUCCESS;
+  return Run([&](memcached_st* handle) {
+    return memcached_touch(handle, key.data(), key.size(), expiration);
+  });
 }
 
+// A missing key is an answer too: true with exists false.
 bool Memcached::Exist(const std::string& key, bool& exists) {
-  if (!ready_) return false;
-  last_result_ = memcached_exist(handle_, key.data(), key.size());
-  exists = last_result_ == MEMCACHED_SUCCESS;
-  return last_result_ == MEMCACHED_SUCCESS || last_result_ == MEMCACHED_NOTFOUND;
+  return Run(
+      [&](memcached_st* handle) {
+        const memcached_return_t rc = memcached_exist(handle, key.data(), key.size());
+        exists = rc == MEMCACHED_SUCCESS;
+        return rc;
+      },
+      MEMCACHED_NOTFOUND);
 }
 
 bool Memcached::Get(const std::string& key, MemcachedData& out) {
