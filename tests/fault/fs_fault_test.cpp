@@ -65,8 +65,7 @@ class FsFaultTest : public testing::Test {
   // Mounts a tmpfs of `size` over `dir` (created when missing).
   void MountSmall(const std::string& dir, const std::string& size = "64k") {
     ASSERT_TRUE(MakeDir(dir));
-    const std::string opts = "mode=0755,size=" + size;
-    ASSERT_EQ(mount("tmpfs", dir.c_str(), "tmpfs", 0, opts.c_str()), 0) << dir;
+    ASSERT_TRUE(MountTmpfsOn(dir, size)) << dir;
     mounts_.push_back(dir);
   }
 

@@ -333,14 +333,7 @@ inline int InChildWithPrivateMounts(const std::function<int()>& fn) {
 }
 
 // Mounts a fresh tmpfs at `dir` (created when missing); true on success.
-inline bool MountTmpfsAt(const std::string& dir) {
-  return MakeDir(dir) && mount("tmpfs", dir.c_str(), "tmpfs", 0, "mode=0755") == 0;
-}
-
-// Makes the mount at `dir` read-only; true on success.
-inline bool RemountReadOnlyAt(const std::string& dir) {
-  return mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0;
-}
+inline bool MountTmpfsAt(const std::string& dir) { return MakeDir(dir) && MountTmpfsOn(dir); }
 
 // In a private mount namespace: binds a copy of /etc/passwd without the
 // entry of `name` and with `extra` lines added over /etc/passwd.

@@ -29,6 +29,19 @@
 namespace velmora {
 namespace test {
 
+// Mounts a fresh tmpfs (mode 0755; of `size`, e.g. "64k", unless empty) on
+// the existing directory `dir`; true on success.
+inline bool MountTmpfsOn(const std::string& dir, const std::string& size = "",
+                         unsigned long flags = 0) {
+  std::string opts = size.empty() ? "mode=0755" : "mode=0755,size=" + size;
+  return mount("tmpfs", dir.c_str(), "tmpfs", flags, opts.c_str()) == 0;
+}
+
+// Makes the mount at `dir` read-only; true on success.
+inline bool RemountReadOnlyAt(const std::string& dir) {
+  return mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0;
+}
+
 // A fresh directory under $VELMORA_SCRATCH (a tmpfs of the runner), removed
 // with everything below it (mounts included) when the object goes.
 class ScratchDir {
@@ -56,16 +69,12 @@ class ScratchDir {
   bool MountTmpfs(const std::string& name, const std::string& size = "", unsigned long flags = 0) {
     std::string dir = path_ + "/" + name;
     mkdir(dir.c_str(), 0755);
-    std::string opts = size.empty() ? "mode=0755" : "mode=0755,size=" + size;
-    if (mount("tmpfs", dir.c_str(), "tmpfs", flags, opts.c_str()) != 0) return false;
+    if (!MountTmpfsOn(dir, size, flags)) return false;
     mounts_.push_back(dir);
     return true;
   }
   // Makes the mount at `name` read-only; true on success.
-  bool RemountReadOnly(const std::string& name) {
-    std::string dir = path_ + "/" + name;
-    return mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0;
-  }
+  bool RemountReadOnly(const std::string& name) { return RemountReadOnlyAt(path_ + "/" + name); }
 
  private:
   std::string path_;
