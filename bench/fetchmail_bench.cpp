@@ -118,7 +118,7 @@ bool PollAt(Fixture& f, int port) {
   for (size_t i = 0; i < f.users.size(); ++i) {
     const std::string text = velmora::test::ControlFileText(
         300, port, f.mailbox[i], velmora::test::Pop3Server::PasswordOf(f.mailbox[i]), f.deliver[i]);
-    if (!velmora::test::WriteOwnedFile(f.rc[i], text, f.users[i].uid, f.users[i].gid, 0700)) {
+    if (!velmora::test::WriteOwned(f.rc[i], text, f.users[i].uid, f.users[i].gid, 0700)) {
       return false;
     }
   }
@@ -156,7 +156,7 @@ Fixture& World() {
       if (!MakeOwnedDirs(user_dir, user.uid, user.gid, 0700) ||
           !MakeOwnedDirs(dir.substr(0, dir.size() - 1), user.uid, user.gid, 0700) ||
           !f->server->AddMailbox(mailbox) || !velmora::test::MakeDeliveryDir(deliver, user) ||
-          !velmora::test::WriteOwnedFile(
+          !velmora::test::WriteOwned(
               dir + "quillbox_pop3_fetch",
               velmora::test::ControlFileText(
                   300, kPort, mailbox, velmora::test::Pop3Server::PasswordOf(mailbox), deliver),
@@ -172,8 +172,8 @@ Fixture& World() {
           {"HOME=" + user.home, "USER=" + user.name, "LOGNAME=" + user.name, "PATH=/usr/bin:/bin"});
       list += std::to_string(user.uid) + "\n";
     }
-    if (!velmora::test::WriteOwnedFile(kUidList, list, kAccount, kAccount, 0644) ||
-        !velmora::test::WriteOwnedFile(kSwitchFile, "true\n5\n", kAccount, kAccount, 0644)) {
+    if (!velmora::test::WriteOwned(kUidList, list, kAccount, kAccount, 0644) ||
+        !velmora::test::WriteOwned(kSwitchFile, "true\n5\n", kAccount, kAccount, 0644)) {
       return fail("cannot write the uid list or the switch");
     }
     f->port = kPort;

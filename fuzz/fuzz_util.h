@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "sdk/test_util.h"
+#include "support/test_util.h"
 
 // Stops the fuzzer (abort, so libFuzzer keeps the input) when `cond` is
 // false, printing the condition and `detail`, an expression that yields a

@@ -25,78 +25,33 @@
 
 #include <velmora/backend.h>
 
-#include "backend/redis_test_util.h"
 #include "support/log_capture.h"
+#include "support/redis_test_util.h"
 #include "support/server_process.h"
 
 namespace velmora {
 namespace {
 
 using backend::QuotaRedisClient;
-using backend::RedisClient;
-using test::LogCapture;
 using test::LogRecord;
-using test::ServerProcess;
 
 using namespace redis_test;  // NOLINT(build/namespaces)
-using Map = std::unordered_map<std::string, std::string>;
 
 constexpr int kErrPriority = 139;  // LOG_LOCAL1 | LOG_ERR
 constexpr char kModule[] = "src/lib/backend/quota_redis_client";
 constexpr char kMax[] = "18446744073709551615";
 
-// True when `text` reads "<module>:<digits>: <process name>: <message>".
-bool IsModuleLine(const std::string& text, const std::string& message) {
-  const std::string head = std::string(kModule) + ":";
-  if (text.compare(0, head.size(), head) != 0) return false;
-  size_t i = head.size();
-  while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i]))) ++i;
-  if (i == head.size()) return false;
-  return text.substr(i) == ": " + std::string(program_invocation_short_name) + ": " + message;
-}
-
 // Exactly `messages`, in order, each one line at local1.err from the quota
 // client's module; nothing else.
-::testing::AssertionResult Logged(const std::vector<LogRecord>& records,
-                                  const std::vector<std::string>& messages) {
-  bool ok = records.size() == messages.size();
-  for (size_t k = 0; ok && k < records.size(); ++k) {
-    ok = records[k].priority == kErrPriority && IsModuleLine(records[k].text, messages[k]);
-  }
-  if (ok) return ::testing::AssertionSuccess();
-  ::testing::AssertionResult failure = ::testing::AssertionFailure();
-  failure << "expected " << messages.size() << " line(s):";
-  for (const std::string& m : messages) {
-    failure << "\n  <" << kErrPriority << "> " << kModule
-            << ":<line>: " << program_invocation_short_name << ": " << m;
-  }
-  failure << "\ngot " << records.size() << ":";
-  for (const LogRecord& r : records) failure << "\n  <" << r.priority << "> " << r.text;
-  return failure;
-}
+const test::ModuleLog Logged{kErrPriority, kModule};
 
 // ---------------------------------------------------------------------------
 
 // The real server runs for the whole suite on the client's fixed port and is
 // emptied (keys and counters) before every test. A test that needs the port
 // for a stand-in stops it (TakePort); the next test gets it back.
-class QuotaRedisClientTest : public ::testing::Test {
+class QuotaRedisClientTest : public RealRedisTest {
  protected:
-  static void SetUpTestSuite() {
-    server_ =
-        new ServerProcess(RedisServerCommand(), [] { return test::CanConnectTcp(kHost, kPort); });
-  }
-  static void TearDownTestSuite() {
-    delete server_;
-    server_ = nullptr;
-  }
-
-  void SetUp() override {
-    ASSERT_TRUE(server_->Start());
-    ASSERT_TRUE(raw_.Connect());
-    ASSERT_TRUE(raw_.Reset());
-  }
-
   // Stops the real server so that a stand-in may listen on its port.
   void TakePort() {
     raw_.Close();
@@ -116,12 +71,7 @@ class QuotaRedisClientTest : public ::testing::Test {
     std::sort(keys.begin(), keys.end());
     return keys;
   }
-
-  static ServerProcess* server_;
-  RawRedis raw_;
 };
-
-ServerProcess* QuotaRedisClientTest::server_ = nullptr;
 
 using Names = std::vector<std::string>;
 

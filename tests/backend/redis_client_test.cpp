@@ -32,21 +32,14 @@
 
 #include <velmora/backend.h>
 
-#include "backend/redis_test_util.h"
 #include "support/log_capture.h"
+#include "support/redis_test_util.h"
 #include "support/server_process.h"
 
 namespace velmora {
 namespace {
 
-using backend::RedisClient;
-using test::LogCapture;
-using test::ServerProcess;
-
 using namespace redis_test;  // NOLINT(build/namespaces)
-using Map = std::unordered_map<std::string, std::string>;
-
-constexpr int kTimeoutMs = 2000;
 
 // The server-side id of a connection.
 long long ClientId(redisContext* ctx) {
@@ -64,21 +57,11 @@ long long ClientIdVia(RedisClient& client) {
 // The real server runs for the whole suite and is emptied (keys and
 // counters) before every test; a test that stops it gets it back after.
 // Every test also checks that the client wrote nothing to the log.
-class RedisClientTest : public ::testing::Test {
+class RedisClientTest : public RealRedisTest {
  protected:
-  static void SetUpTestSuite() {
-    server_ =
-        new ServerProcess(RedisServerCommand(), [] { return test::CanConnectTcp(kHost, kPort); });
-  }
-  static void TearDownTestSuite() {
-    delete server_;
-    server_ = nullptr;
-  }
-
   void SetUp() override {
-    ASSERT_TRUE(server_->Start());
-    ASSERT_TRUE(raw_.Connect());
-    ASSERT_TRUE(raw_.Reset());
+    RealRedisTest::SetUp();
+    if (HasFatalFailure()) return;
     log_ = std::make_unique<LogCapture>();
     client_ = std::make_unique<RedisClient>(kHost, kPort, kTimeoutMs);
   }
@@ -98,13 +81,9 @@ class RedisClientTest : public ::testing::Test {
     ASSERT_TRUE(raw_.Reset());
   }
 
-  static ServerProcess* server_;
-  RawRedis raw_;
   std::unique_ptr<LogCapture> log_;
   std::unique_ptr<RedisClient> client_;
 };
-
-ServerProcess* RedisClientTest::server_ = nullptr;
 
 // ---- Connections and the pool ---------------------------------------------
 

@@ -13,8 +13,8 @@
 
 #include <velmora/velmora.h>
 
-#include "../sdk/test_util.h"
 #include "support/log_capture.h"
+#include "support/test_util.h"
 
 namespace velmora {
 namespace {

@@ -27,6 +27,8 @@
 
 #include "support/log_capture.h"
 #include "support/one_shot_server.h"
+#include "support/seccomp_util.h"
+#include "support/test_util.h"
 
 namespace velmora {
 namespace {
@@ -35,6 +37,7 @@ using common::socket::QuerySockServer;
 using test::LogCapture;
 using test::OneShotServer;
 using test::ReadRequest;
+using test::RunInChild;
 using test::WriteAll;
 
 constexpr char kDir[] = "/run/velmora-test/qs";
@@ -230,18 +233,9 @@ TEST_F(QuerySockServerTest, EmptyRequestSendsNothingAndWaitsForAnswer) {
   EXPECT_EQ(received, "nothing");
 }
 
-// Runs `body` in a forked child and returns its exit status.
-int InChild(const std::function<int()>& body) {
-  pid_t pid = fork();
-  if (pid == 0) _exit(body());
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
-}
-
 TEST_F(QuerySockServerTest, NoDescriptorLeftFailsToOpenSocket) {
   LogCapture capture;
-  int rc = InChild([] {
+  int rc = RunInChild([] {
     // The soft limit only: the hard one stays, as for any program that
     // lowered its own limit.
     rlimit none{};
@@ -266,18 +260,11 @@ TEST_F(QuerySockServerTest, NoDescriptorLeftFailsToOpenSocket) {
 
 // Makes setsockopt fail with EPERM for this process from now on.
 bool DenySetsockopt() {
-  sock_filter filter[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AUDIT_ARCH_X86_64, 1, 0),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+  return test::InstallSeccomp(test::SeccompProgram({
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_setsockopt, 0, 1),
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | (EPERM & SECCOMP_RET_DATA)),
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  };
-  sock_fprog prog{static_cast<unsigned short>(sizeof(filter) / sizeof(filter[0])), filter};
-  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &prog) == 0;
+  }));
 }
 
 TEST_F(QuerySockServerTest, TimeoutThatCannotBeSetFails) {
@@ -291,7 +278,7 @@ TEST_F(QuerySockServerTest, TimeoutThatCannotBeSetFails) {
   ASSERT_TRUE(server.bound());
   LogCapture capture;
   std::string path = path_;
-  int rc = InChild([path] {
+  int rc = RunInChild([path] {
     if (!DenySetsockopt()) return 10;
     std::string response = "untouched";
     if (QuerySockServer(path, "x", response, 1) != -1) return 11;
@@ -312,7 +299,7 @@ TEST_F(QuerySockServerTest, TimeoutZeroSetsNoOption) {
   });
   ASSERT_TRUE(server.bound());
   std::string path = path_;
-  int rc = InChild([path] {
+  int rc = RunInChild([path] {
     if (!DenySetsockopt()) return 10;
     std::string response;
     if (QuerySockServer(path, "x", response, 0) != 0) return 11;

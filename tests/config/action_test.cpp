@@ -9,9 +9,9 @@
 
 #include <velmora/config.h>
 
-#include "sdk/test_util.h"
 #include "support/log_capture.h"
 #include "support/one_shot_server.h"
+#include "support/test_util.h"
 
 namespace velmora {
 namespace {

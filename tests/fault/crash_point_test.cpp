@@ -36,7 +36,7 @@
 
 #include "fault/crash_write_paths.h"
 #include "gtest/gtest.h"
-#include "sdk/test_util.h"
+#include "support/test_util.h"
 
 namespace velmora {
 namespace test {
@@ -121,10 +121,7 @@ struct Figures {
 class CrashPointTest : public testing::TestWithParam<std::string> {
  protected:
   void SetUp() override {
-    ASSERT_FALSE(scratch_.path().empty());
-    ASSERT_TRUE(scratch_.MountTmpfs("a"));
-    ASSERT_TRUE(scratch_.MountTmpfs("b"));
-    ASSERT_EQ(mkdir((scratch_ / "same").c_str(), 0755), 0);
+    ASSERT_TRUE(MakeWritePathTrees(scratch_));
     // Orphaned helpers of a killed writer become this process's children,
     // so that every one of them is known to be gone before the files are
     // looked at.

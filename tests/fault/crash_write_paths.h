@@ -21,7 +21,7 @@
 #include <velmora/file.h>
 #include <velmora/settings.h>
 
-#include "settings/settings_test_util.h"
+#include "support/settings_test_util.h"
 
 namespace velmora {
 namespace test {
@@ -518,6 +518,14 @@ inline bool FindWritePath(const std::string& base, const std::string& name, Writ
     }
   }
   return false;
+}
+
+// Makes the trees the write paths use below `scratch`: the tmpfs mounts "a"
+// and "b" (a rename from one to the other crosses file systems) and the plain
+// directory "same". True on success.
+inline bool MakeWritePathTrees(ScratchDir& scratch) {
+  return !scratch.path().empty() && scratch.MountTmpfs("a") && scratch.MountTmpfs("b") &&
+         mkdir((scratch / "same").c_str(), 0755) == 0;
 }
 
 }  // namespace crash

@@ -22,7 +22,7 @@
 
 #include "fault/crash_write_paths.h"
 #include "gtest/gtest.h"
-#include "sdk/test_util.h"
+#include "support/test_util.h"
 
 namespace velmora {
 namespace test {
@@ -322,10 +322,7 @@ testing::AssertionResult AtomicReplace(const std::vector<Op>& ops, const std::st
 class DurabilityOrderTest : public testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_FALSE(scratch_.path().empty());
-    ASSERT_TRUE(scratch_.MountTmpfs("a"));
-    ASSERT_TRUE(scratch_.MountTmpfs("b"));
-    ASSERT_EQ(mkdir((scratch_ / "same").c_str(), 0755), 0);
+    ASSERT_TRUE(MakeWritePathTrees(scratch_));
     ASSERT_EQ(mkdir((scratch_ / "trace").c_str(), 0755), 0);
   }
 

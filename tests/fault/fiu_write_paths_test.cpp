@@ -41,7 +41,7 @@
 #include "fault/fiu_injector.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "settings/settings_test_util.h"
+#include "support/settings_test_util.h"
 
 namespace velmora {
 namespace test {
@@ -49,9 +49,6 @@ namespace settings_test {
 namespace {
 
 namespace fi = velmora::test::fiu;
-using settings::Pop3Control;
-using settings::record::GlobalPOP3Config;
-using settings::record::VelmoraConfig;
 
 // ---- Snapshots --------------------------------------------------------------
 
@@ -280,7 +277,7 @@ RunResult RunOnce(const Writer& w, const fi::Plan& plan, const FileState* fresh,
     const std::string text = WithoutTempName(rec.text);
     bool match = false;
     for (const auto& a : allowed) {
-      if (rec.priority == kErr && IsLogText(text, a.module, a.message)) {
+      if (rec.priority == kErr && IsModuleLine(text, a.module, a.message)) {
         match = true;
         seen.insert(a.module + " " + a.message);
       }
@@ -353,11 +350,7 @@ std::string StrError(int e) { return std::strerror(e); }
 
 // ---- Fixture ------------------------------------------------------------------
 
-constexpr char kUidListDir[] = "/var/spool/mail/vt/db";
-constexpr char kUidList[] = "/var/spool/mail/vt/db/vt_pop3_uid.config";
-constexpr char kSwitchFile[] = "/var/packages/Velmora-Server/etc/velmora/vt_pop3.config";
 constexpr char kUser1Dir[] = "/var/spool/mail/vt/1001/61001/.ORVOQB";
-constexpr char kUser1Rc[] = "/var/spool/mail/vt/1001/61001/.ORVOQB/quillbox_pop3_fetch";
 constexpr char kControlText[] = "poll pop.example.net proto pop3\nset daemon 300\n";
 
 // Removes every name in `dir` (not below it).

@@ -23,31 +23,15 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "settings/settings_test_util.h"
+#include "support/settings_test_util.h"
 
 namespace velmora {
 namespace test {
 namespace settings_test {
 namespace {
 
-using settings::Pop3Control;
-using settings::record::GlobalPOP3Config;
-using settings::record::VelmoraConfig;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
-constexpr char kSwitchFile[] = "/var/packages/Velmora-Server/etc/velmora/vt_pop3.config";
-constexpr char kUidListDir[] = "/var/spool/mail/vt/db";
-constexpr char kUidList[] = "/var/spool/mail/vt/db/vt_pop3_uid.config";
 constexpr char kUser1Dir[] = "/var/spool/mail/vt/1001/61001/.ORVOQB";
-constexpr char kUser1Rc[] = "/var/spool/mail/vt/1001/61001/.ORVOQB/quillbox_pop3_fetch";
 constexpr char kControlText[] = "poll pop.example.net proto pop3\nset daemon 300\n";
-
-VelmoraConfig Defaults() {
-  VelmoraConfig c{};
-  c.enable_chat = c.enable_calendar = c.enable_externalsource = true;
-  return c;
-}
 
 // Fills the file system that holds `dir` with the file `dir`/filler until
 // the system reports ENOSPC. True when it did.
@@ -81,8 +65,7 @@ class FsFaultTest : public testing::Test {
   // Mounts a tmpfs of `size` over `dir` (created when missing).
   void MountSmall(const std::string& dir, const std::string& size = "64k") {
     ASSERT_TRUE(MakeDir(dir));
-    const std::string opts = "mode=0755,size=" + size;
-    ASSERT_EQ(mount("tmpfs", dir.c_str(), "tmpfs", 0, opts.c_str()), 0) << dir;
+    ASSERT_TRUE(MountTmpfsOn(dir, size)) << dir;
     mounts_.push_back(dir);
   }
 

@@ -20,35 +20,21 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "settings/settings_test_util.h"
 #include "support/one_shot_server.h"
+#include "support/settings_test_util.h"
 
 namespace velmora {
 namespace test {
 namespace settings_test {
 namespace {
 
-using settings::Pop3Control;
-using settings::record::GlobalPOP3Config;
-using settings::record::VelmoraConfig;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 using Clock = std::chrono::steady_clock;
 
-constexpr char kSwitchFile[] = "/var/packages/Velmora-Server/etc/velmora/vt_pop3.config";
-constexpr char kUidList[] = "/var/spool/mail/vt/db/vt_pop3_uid.config";
 constexpr char kSocketModule[] = "src/lib/common/socket";
 constexpr char kAllKeysDefaultText[] =
     "disable_pgp=no\ndisable_shared_mailbox=no\ndisable_smtp_sender_name=no\n"
     "enable_sharing_link=no\nis_custom_logo=no\nenable_chat=yes\nenable_calendar=yes\n"
     "enable_externalsource=yes\n";
-
-VelmoraConfig Defaults() {
-  VelmoraConfig c{};
-  c.enable_chat = c.enable_calendar = c.enable_externalsource = true;
-  return c;
-}
 
 double SecondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();

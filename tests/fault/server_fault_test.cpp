@@ -21,23 +21,18 @@
 #include <velmora/backend.h>
 #include <velmora/memcached.h>
 
-#include "backend/redis_test_util.h"
 #include "support/log_capture.h"
+#include "support/redis_test_util.h"
 #include "support/server_process.h"
 
 namespace velmora {
 namespace {
 
-using backend::RedisClient;
 using sdk::Memcached;
 using sdk::MemcachedData;
-using test::LogCapture;
-using test::ServerProcess;
 
 using namespace redis_test;  // NOLINT(build/namespaces)
-using Map = std::unordered_map<std::string, std::string>;
 
-constexpr int kTimeoutMs = 2000;
 constexpr int kMemcachedPort = 11411;
 
 // hiredis writes with write(2), so a request that meets a connection the

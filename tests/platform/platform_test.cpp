@@ -23,7 +23,8 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 #include "platform/orvo_platform.h"
-#include "sdk/test_util.h"
+#include "support/scratch_test.h"
+#include "support/test_util.h"
 
 namespace velmora {
 namespace test {
@@ -98,18 +99,7 @@ std::vector<ProcStat> Processes() {
   return all;
 }
 
-class PlatformTest : public testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_FALSE(dir_.path().empty());
-    ASSERT_EQ(chmod(dir_.path().c_str(), 0777), 0);
-    previous_umask_ = umask(022);
-  }
-  void TearDown() override { umask(previous_umask_); }
-
-  ScratchDir dir_;
-  mode_t previous_umask_ = 0;
-};
+class PlatformTest : public ScratchDirTest {};
 
 // ---- String table ----
 

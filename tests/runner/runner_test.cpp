@@ -35,6 +35,7 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 #include "support/log_capture.h"
+#include "support/test_util.h"
 
 namespace velmora::test {
 namespace {
@@ -116,18 +117,6 @@ std::set<std::string> DirectoryEntries(const std::string& dir) {
     closedir(d);
   }
   return names;
-}
-
-// Runs `body` in a forked child and returns its exit status (or -1 if it did
-// not exit normally). The child must not use gtest assertions.
-template <typename F>
-int RunInChild(F body) {
-  pid_t pid = fork();
-  if (pid == 0) _exit(body());
-  if (pid < 0) return -1;
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 TEST(HermeticRunnerTest, ExportsItsEnvironment) {

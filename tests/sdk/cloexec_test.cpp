@@ -31,7 +31,7 @@
 #include <velmora/socket.h>
 
 #include "support/log_capture.h"
-#include "test_util.h"
+#include "support/test_util.h"
 
 extern char** environ;
 

@@ -23,15 +23,12 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "sdk/test_util.h"
 #include "support/log_capture.h"
+#include "support/scratch_test.h"
+#include "support/test_util.h"
 
 namespace velmora {
 namespace test {
-
-void PrintTo(const LogRecord& record, std::ostream* os) {
-  *os << "<" << record.priority << "> \"" << record.text << "\"";
-}
 
 namespace {
 
@@ -57,35 +54,14 @@ constexpr bool kAddressSanitizer = false;
 constexpr bool kAddressSanitizer = false;
 #endif
 
-// Splits "<module>:<line>: <this process>: <message>" and returns the
-// message, or false when the head does not have that form.
-bool MessageOf(const std::string& text, const std::string& module, std::string* message) {
-  const std::string head = module + ":";
-  if (text.compare(0, head.size(), head) != 0) return false;
-  size_t pos = head.size();
-  const size_t digits = pos;
-  while (pos < text.size() && std::isdigit(static_cast<unsigned char>(text[pos]))) ++pos;
-  if (pos == digits) return false;
-  const std::string middle = ": " + std::string(program_invocation_short_name) + ": ";
-  if (text.compare(pos, middle.size(), middle) != 0) return false;
-  *message = text.substr(pos + middle.size());
-  return true;
-}
-
-MATCHER_P2(LogLine, module, message,
-           std::string(negation ? "isn't" : "is") + " <139> \"" + std::string(module) +
-               ":<line>: " + program_invocation_short_name + ": " + std::string(message) + "\"") {
-  std::string text;
-  return arg.priority == kLocal1Err && MessageOf(arg.text, module, &text) && text == message;
+// A line of `module` at local1.err.
+auto LogLine(const std::string& module, const std::string& message) {
+  return LogAt(kLocal1Err, module, message);
 }
 
 // The same with the message matched by an ECMAScript regular expression.
-MATCHER_P2(LogLineMatching, module, pattern,
-           std::string(negation ? "isn't" : "is") + " <139> \"" + std::string(module) +
-               ":<line>: " + program_invocation_short_name + ": " + std::string(pattern) + "\"") {
-  std::string text;
-  return arg.priority == kLocal1Err && MessageOf(arg.text, module, &text) &&
-         std::regex_match(text, std::regex(std::string(pattern)));
+auto LogLineMatching(const std::string& module, const std::string& pattern) {
+  return LogAtMatching(kLocal1Err, module, pattern);
 }
 
 std::string EscapeRegex(const std::string& text) {
@@ -103,24 +79,6 @@ std::string TempNamePattern(const std::string& target) {
   return EscapeRegex(target) + "-[0-9a-f]{5}-[0-9a-f]{5}-[0-9a-f]{5}-[0-9a-f]{5}\\.tmp";
 }
 
-int ExitStatus(pid_t pid) {
-  int status = 0;
-  if (pid <= 0) return -1;
-  pid_t got;
-  do {
-    got = waitpid(pid, &status, 0);
-  } while (got < 0 && errno == EINTR);
-  if (got != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
-}
-
-// Runs `fn` in a forked child that exits with fn's result; returns its pid.
-pid_t Spawn(const std::function<int()>& fn) {
-  pid_t pid = fork();
-  if (pid == 0) _exit(fn());
-  return pid;
-}
-
 // Caps this process's address space at its present size plus `headroom`
 // bytes, so that any larger allocation fails. For a forked child only.
 bool CapAddressSpace(size_t headroom) {
@@ -133,18 +91,7 @@ bool CapAddressSpace(size_t headroom) {
   return setrlimit(RLIMIT_AS, &cap) == 0;
 }
 
-class FileKeyValueTest : public testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_FALSE(dir_.path().empty());
-    ASSERT_EQ(chmod(dir_.path().c_str(), 0777), 0);
-    previous_umask_ = umask(022);
-  }
-  void TearDown() override { umask(previous_umask_); }
-
-  ScratchDir dir_;
-  mode_t previous_umask_ = 0;
-};
+class FileKeyValueTest : public ScratchDirTest {};
 
 TEST_F(FileKeyValueTest, GetBeforeReadIsEmpty) {
   const std::string path = dir_ / "a.conf";
@@ -637,7 +584,7 @@ TEST_F(FileKeyValueTest, TableAllocationFailureFailsRead) {
     if (kv.ReadKeyValues(INT_MAX, "=")) return 1;
     return kv.Get("a").empty() ? 0 : 2;
   });
-  EXPECT_EQ(ExitStatus(child), 0);
+  EXPECT_EQ(ExitStatusOf(child), 0);
   EXPECT_THAT(capture.Records(), IsEmpty());
 }
 
@@ -662,7 +609,7 @@ TEST_F(FileKeyValueTest, FailedUpdateKeepsStateClean) {
     }
     return status;
   });
-  EXPECT_EQ(ExitStatus(child), 0);
+  EXPECT_EQ(ExitStatusOf(child), 0);
   EXPECT_EQ(ReadFile(path), "changed=elsewhere\n");
   EXPECT_THAT(capture.Records(), IsEmpty());
 }
@@ -691,7 +638,7 @@ TEST_F(FileKeyValueTest, ConcurrentLockedUpdatesLoseNothing) {
     }));
     ASSERT_GT(writers.back(), 0);
   }
-  for (pid_t writer : writers) EXPECT_EQ(ExitStatus(writer), 0);
+  for (pid_t writer : writers) EXPECT_EQ(ExitStatusOf(writer), 0);
 
   FileKeyValue kv(path);
   ASSERT_TRUE(kv.ReadKeyValues(kTableSize, "="));

@@ -31,15 +31,13 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "sdk/test_util.h"
 #include "support/log_capture.h"
+#include "support/scratch_test.h"
+#include "support/seccomp_util.h"
+#include "support/test_util.h"
 
 namespace velmora {
 namespace test {
-
-void PrintTo(const LogRecord& record, std::ostream* os) {
-  *os << "<" << record.priority << "> \"" << record.text << "\"";
-}
 
 namespace {
 
@@ -54,22 +52,9 @@ constexpr int kLocal1Err = LOG_LOCAL1 | LOG_ERR;  // 139
 constexpr char kLockModule[] = "src/lib/sdk/file_lock";
 constexpr char kGuardModule[] = "src/lib/sdk/file_lock_guard";
 
-// True when `text` is "<module>:<line>: <this process>: <message>", the line
-// being one or more digits.
-bool IsLogText(const std::string& text, const std::string& module, const std::string& message) {
-  const std::string head = module + ":";
-  if (text.compare(0, head.size(), head) != 0) return false;
-  size_t pos = head.size();
-  const size_t digits = pos;
-  while (pos < text.size() && std::isdigit(static_cast<unsigned char>(text[pos]))) ++pos;
-  if (pos == digits) return false;
-  return text.substr(pos) == ": " + std::string(program_invocation_short_name) + ": " + message;
-}
-
-MATCHER_P2(LogLine, module, message,
-           std::string(negation ? "isn't" : "is") + " <139> \"" + std::string(module) +
-               ":<line>: " + program_invocation_short_name + ": " + std::string(message) + "\"") {
-  return arg.priority == kLocal1Err && IsLogText(arg.text, module, message);
+// A line of `module` at local1.err.
+auto LogLine(const std::string& module, const std::string& message) {
+  return LogAt(kLocal1Err, module, message);
 }
 
 double SecondsSince(steady_clock::time_point start) {
@@ -116,17 +101,6 @@ bool Readable(int fd, milliseconds timeout) {
   }
 }
 
-int ExitStatus(pid_t pid) {
-  int status = 0;
-  if (pid <= 0) return -1;
-  pid_t got;
-  do {
-    got = waitpid(pid, &status, 0);
-  } while (got < 0 && errno == EINTR);
-  if (got != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
-}
-
 // A child that waits longer than this is stuck: SIGALRM ends it.
 constexpr unsigned kChildLimitSeconds = 30;
 
@@ -136,8 +110,9 @@ void LimitChildTime() {
   alarm(kChildLimitSeconds);
 }
 
-// Runs `fn` in a forked child that exits with fn's result; returns its pid.
-pid_t Spawn(const std::function<int()>& fn) {
+// Runs `fn` in a forked child with a time limit that exits with fn's result;
+// returns its pid.
+pid_t SpawnLimited(const std::function<int()>& fn) {
   pid_t pid = fork();
   if (pid == 0) {
     LimitChildTime();
@@ -180,7 +155,7 @@ class LockHolder {
     if (release_[1] >= 0) close(release_[1]);
     if (ready_[0] >= 0) close(ready_[0]);
     release_[1] = ready_[0] = -1;
-    int status = ExitStatus(pid_);
+    int status = ExitStatusOf(pid_);
     pid_ = -1;
     return status;
   }
@@ -222,24 +197,11 @@ class AlarmInterrupt {
   struct sigaction previous_ {};
 };
 
-#if defined(__x86_64__)
-constexpr unsigned kAuditArch = AUDIT_ARCH_X86_64;
-#elif defined(__aarch64__)
-constexpr unsigned kAuditArch = AUDIT_ARCH_AARCH64;
-#else
-constexpr unsigned kAuditArch = 0;
-#endif
-
 // From now on close(fd) fails with `err` in this process, leaving `fd` open:
 // a seccomp filter answers that one system call itself. For a forked child
 // only (the filter cannot be removed). False if the filter was refused.
 bool FailCloseOf(int fd, int err) {
-  if (kAuditArch == 0) return false;
-  sock_filter filter[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kAuditArch, 1, 0),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+  return InstallSeccomp(SeccompProgram({
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_close, 0, 3),
       // Low half of the first argument (little-endian).
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[0])),
@@ -247,24 +209,11 @@ bool FailCloseOf(int fd, int err) {
       BPF_STMT(BPF_RET | BPF_K,
                SECCOMP_RET_ERRNO | (static_cast<unsigned>(err) & SECCOMP_RET_DATA)),
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-  };
-  sock_fprog program{static_cast<unsigned short>(sizeof(filter) / sizeof(filter[0])), filter};
-  return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
-         prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+  }));
 }
 
-class FileLockTest : public testing::Test {
+class FileLockTest : public ScratchDirTest {
  protected:
-  void SetUp() override {
-    ASSERT_FALSE(dir_.path().empty());
-    // Children that run as a test account create and open files here.
-    ASSERT_EQ(chmod(dir_.path().c_str(), 0777), 0);
-    previous_umask_ = umask(022);
-  }
-  void TearDown() override { umask(previous_umask_); }
-
-  ScratchDir dir_;
-  mode_t previous_umask_ = 0;
   // A lock that waits forever here is a failure, not a hang: after 20 s
   // every wait (and every sleep between retries) is interrupted, so Lock()
   // and LockRetry() return false. Tests that set their own alarm replace
@@ -434,7 +383,7 @@ TEST_F(FileLockTest, SharedLocksCoexistAndExclusiveWaitsForBoth) {
   int got[2];
   ASSERT_EQ(pipe2(got, O_CLOEXEC), 0);
   const int shared_fds[2] = {first.fd_, second.fd_};
-  pid_t child = Spawn([&] {
+  pid_t child = SpawnLimited([&] {
     close(got[0]);
     // The inherited descriptors are the parent's business.
     close(shared_fds[0]);
@@ -453,7 +402,7 @@ TEST_F(FileLockTest, SharedLocksCoexistAndExclusiveWaitsForBoth) {
   ASSERT_TRUE(second.Unlock());
   EXPECT_TRUE(Readable(got[0], milliseconds(5000)));
   close(got[0]);
-  EXPECT_EQ(ExitStatus(child), 0);
+  EXPECT_EQ(ExitStatusOf(child), 0);
   EXPECT_THAT(capture.Records(), IsEmpty());
 }
 
@@ -464,7 +413,7 @@ TEST_F(FileLockTest, UnlockReleasesLockSharedWithForkedChild) {
   int release[2];
   ASSERT_EQ(pipe2(release, O_CLOEXEC), 0);
   // The child keeps the inherited descriptor open until told to go.
-  pid_t child = Spawn([&] {
+  pid_t child = SpawnLimited([&] {
     close(release[1]);
     Readable(release[0], milliseconds(10000));
     return 0;
@@ -475,7 +424,7 @@ TEST_F(FileLockTest, UnlockReleasesLockSharedWithForkedChild) {
   ASSERT_TRUE(lock.Unlock());
   EXPECT_FALSE(WouldBlock(path, LOCK_EX));
   close(release[1]);
-  EXPECT_EQ(ExitStatus(child), 0);
+  EXPECT_EQ(ExitStatusOf(child), 0);
 }
 
 TEST_F(FileLockTest, InterruptedWaitFailsWithClosedDescriptor) {
@@ -535,7 +484,7 @@ TEST_F(FileLockTest, FailedCloseKeepsDescriptorAndDestructorReports) {
   const std::string path = dir_ / "a.lock";
   LogCapture capture;
   // In a child, because the close(2) failure is injected there for good.
-  pid_t child = Spawn([&] {
+  pid_t child = SpawnLimited([&] {
     int status = 0;
     {
       FileLock lock(path, true);
@@ -549,7 +498,7 @@ TEST_F(FileLockTest, FailedCloseKeepsDescriptorAndDestructorReports) {
     }
     return status;
   });
-  ASSERT_EQ(ExitStatus(child), 0);
+  ASSERT_EQ(ExitStatusOf(child), 0);
   EXPECT_THAT(capture.Records(),
               ElementsAre(LogLine(kLockModule, "Close file (" + path + ") fail"),
                           LogLine(kLockModule, "Close file (" + path + ") fail"),
@@ -627,7 +576,7 @@ TEST_F(FileLockTest, GuardLocksOnceDirectoryAppears) {
   const std::string path = missing + "/a.lock";
   const std::string failed = "Open file(" + path + ") fail";
   // Attempts at about 0 s, 1 s and 2 s; the directory comes at 1.5 s.
-  pid_t maker = Spawn([&] {
+  pid_t maker = SpawnLimited([&] {
     usleep(1500 * 1000);
     return mkdir(missing.c_str(), 0755) == 0 ? 0 : 1;
   });
@@ -636,7 +585,7 @@ TEST_F(FileLockTest, GuardLocksOnceDirectoryAppears) {
   const auto start = steady_clock::now();
   ExclusiveFileLockGuard guard(path, 3);
   const double elapsed = SecondsSince(start);
-  EXPECT_EQ(ExitStatus(maker), 0);
+  EXPECT_EQ(ExitStatusOf(maker), 0);
   EXPECT_GE(guard.fd_, 0);
   EXPECT_GE(elapsed, 1.9);
   EXPECT_LT(elapsed, 2.9);

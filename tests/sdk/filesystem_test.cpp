@@ -32,91 +32,19 @@
 #include <velmora/file.h>
 
 #include "support/log_capture.h"
-#include "test_util.h"
+#include "support/test_util.h"
 
 namespace velmora {
 namespace {
 
-using test::ListDir;
-using test::LogCapture;
-using test::LogRecord;
-using test::Meta;
-using test::PathExists;
-using test::ReadFile;
-using test::RunAs;
-using test::ScratchDir;
-using test::WriteFile;
+using namespace test;  // NOLINT(build/namespaces)
 
 constexpr int kErrPriority = 139;  // LOG_LOCAL1 | LOG_ERR
 constexpr char kModule[] = "src/lib/sdk/filesystem";
 
-// True when `text` reads "<module>:<digits>: <process name>: <message>".
-bool IsModuleLine(const std::string& text, const std::string& message) {
-  const std::string head = std::string(kModule) + ":";
-  if (text.compare(0, head.size(), head) != 0) return false;
-  size_t i = head.size();
-  while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i]))) ++i;
-  if (i == head.size()) return false;
-  return text.substr(i) == ": " + std::string(program_invocation_short_name) + ": " + message;
-}
-
 // Exactly `messages`, in order, each one line at local1.err from the
 // file-system module; nothing else.
-::testing::AssertionResult Logged(const std::vector<LogRecord>& records,
-                                  const std::vector<std::string>& messages) {
-  bool ok = records.size() == messages.size();
-  for (size_t k = 0; ok && k < records.size(); ++k) {
-    ok = records[k].priority == kErrPriority && IsModuleLine(records[k].text, messages[k]);
-  }
-  if (ok) return ::testing::AssertionSuccess();
-  ::testing::AssertionResult failure = ::testing::AssertionFailure();
-  failure << "expected " << messages.size() << " line(s):";
-  for (const std::string& m : messages) {
-    failure << "\n  <" << kErrPriority << "> " << kModule
-            << ":<line>: " << program_invocation_short_name << ": " << m;
-  }
-  failure << "\ngot " << records.size() << ":";
-  for (const LogRecord& r : records) failure << "\n  <" << r.priority << "> " << r.text;
-  return failure;
-}
-
-// Everything below `dir` (not following links): relative path -> type,
-// owner, group, mode and bytes (or link text).
-std::map<std::string, std::string> Snapshot(const std::string& dir) {
-  std::map<std::string, std::string> tree;
-  std::function<void(const std::string&)> walk = [&](const std::string& rel) {
-    for (const std::string& name : ListDir(rel.empty() ? dir : dir + "/" + rel)) {
-      const std::string r = rel.empty() ? name : rel + "/" + name;
-      const std::string full = dir + "/" + r;
-      struct stat st;
-      if (lstat(full.c_str(), &st) != 0) {
-        tree[r] = "vanished";
-        continue;
-      }
-      std::ostringstream d;
-      d << std::oct << (st.st_mode & 07777) << std::dec << " " << st.st_uid << ":" << st.st_gid;
-      if (S_ISDIR(st.st_mode)) {
-        tree[r] = "dir " + d.str();
-        walk(r);
-      } else if (S_ISLNK(st.st_mode)) {
-        char buf[4096];
-        ssize_t n = readlink(full.c_str(), buf, sizeof buf);
-        tree[r] = "link -> " + std::string(buf, n > 0 ? static_cast<size_t>(n) : 0);
-      } else if (S_ISREG(st.st_mode)) {
-        std::string bytes = ReadFile(full);
-        if (bytes.size() > 200) {
-          bytes = std::to_string(bytes.size()) + " bytes, hash " +
-                  std::to_string(std::hash<std::string>()(bytes));
-        }
-        tree[r] = "file " + d.str() + " [" + bytes + "]";
-      } else {
-        tree[r] = "other " + d.str();
-      }
-    }
-  };
-  walk("");
-  return tree;
-}
+const test::ModuleLog Logged{kErrPriority, kModule};
 
 // Bytes that differ from position to position and span several copy buffers.
 std::string Pattern(size_t size) {

@@ -16,7 +16,7 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "settings/settings_test_util.h"
+#include "support/settings_test_util.h"
 
 // Allocation failure on demand: when the countdown is armed (>= 0), the
 // allocation that finds it at 0 throws std::bad_alloc, once. Used only in
@@ -63,10 +63,6 @@ namespace test {
 namespace settings_test {
 namespace {
 
-using settings::record::VelmoraConfig;
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 constexpr char kAllKeysDefaultText[] =
     "disable_pgp=no\ndisable_shared_mailbox=no\ndisable_smtp_sender_name=no\n"
     "enable_sharing_link=no\nis_custom_logo=no\nenable_chat=yes\nenable_calendar=yes\n"
@@ -81,12 +77,6 @@ std::string Bits(const VelmoraConfig& c) {
     s.push_back(b ? '1' : '0');
   }
   return s;
-}
-
-VelmoraConfig Defaults() {
-  VelmoraConfig c{};
-  c.enable_chat = c.enable_calendar = c.enable_externalsource = true;
-  return c;
 }
 
 class ClientSettingsTest : public testing::Test {
@@ -300,7 +290,7 @@ TEST_F(ClientSettingsTest, SetWhenUpdateFailsLogsAndLeavesFileUnchanged) {
     }
     EXPECT_TRUE(after == before || after == before + kAllKeysDefaultText) << n << ": " << after;
     if (rc == 0 && records.size() == 1 &&
-        IsLogText(records[0].text, kSettingsModule, "Update key value fail")) {
+        IsModuleLine(records[0].text, kSettingsModule, "Update key value fail")) {
       EXPECT_EQ(records[0].priority, kErr);
       EXPECT_EQ(after, before);
       EXPECT_THAT(BackendCalls(), IsEmpty());

@@ -16,23 +16,14 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "settings/settings_test_util.h"
+#include "support/settings_test_util.h"
 
 namespace velmora {
 namespace test {
 namespace settings_test {
 namespace {
 
-using settings::Pop3Control;
-using settings::record::GlobalPOP3Config;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::UnorderedElementsAre;
-
-constexpr char kSwitchFile[] = "/var/packages/Velmora-Server/etc/velmora/vt_pop3.config";
-constexpr char kUidList[] = "/var/spool/mail/vt/db/vt_pop3_uid.config";
 constexpr char kUser1Dir[] = "/var/spool/mail/vt/1001/61001/.ORVOQB/";
-constexpr char kUser1Rc[] = "/var/spool/mail/vt/1001/61001/.ORVOQB/quillbox_pop3_fetch";
 
 std::string Show(const GlobalPOP3Config& c) {
   return std::string(c.enabled ? "on/" : "off/") + std::to_string(c.period);

@@ -17,22 +17,13 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "settings/settings_test_util.h"
+#include "support/settings_test_util.h"
 
 namespace velmora {
 namespace test {
 namespace settings_test {
 namespace {
 
-using settings::Pop3Control;
-using settings::record::GlobalPOP3Config;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::UnorderedElementsAre;
-
-constexpr char kSwitchFile[] = "/var/packages/Velmora-Server/etc/velmora/vt_pop3.config";
-constexpr char kUidList[] = "/var/spool/mail/vt/db/vt_pop3_uid.config";
-constexpr char kLockFile[] = "/var/lock/velmora_server/vt_pop3.lock";
 constexpr char kControlText[] =
     "poll 127.0.0.1 port 1 proto pop3 user \"x\" password \"y\"\nset daemon 300\n";
 
@@ -41,16 +32,8 @@ std::string WithInterval(unsigned seconds) {
          std::to_string(seconds) + "\n";
 }
 
-class Pop3DaemonTest : public testing::Test {
+class Pop3DaemonTest : public Pop3ServiceTest {
  protected:
-  void SetUp() override {
-    ResetSystemTree();
-    ASSERT_TRUE(InstallBackendStandIn());
-    ASSERT_TRUE(InstallFetchmailStandIn());
-    ASSERT_TRUE(MakeDir(kLockDir, kAccount, kAccount, 0755));
-    ASSERT_TRUE(MakeDir(std::string(kSpool) + "/vt/db", kAccount, kAccount, 0755));
-    ASSERT_TRUE(MakeDir(kSettingsDir, kAccount, kAccount, 0755));
-  }
   void TearDown() override {
     EXPECT_TRUE(WaitForDetachedCopies());
     EXPECT_TRUE(NoChildLeft());

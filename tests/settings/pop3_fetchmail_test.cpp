@@ -27,8 +27,8 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "settings/settings_test_util.h"
 #include "support/pop3_world.h"
+#include "support/settings_test_util.h"
 
 extern char** environ;
 
@@ -37,15 +37,10 @@ namespace test {
 namespace settings_test {
 namespace {
 
-using settings::Pop3Control;
-using testing::ElementsAre;
 using testing::EndsWith;
-using testing::IsEmpty;
 using testing::SizeIs;
 
 constexpr char kInstance[] = "vt";
-constexpr char kUidList[] = "/var/spool/mail/vt/db/vt_pop3_uid.config";
-constexpr char kSwitchFile[] = "/var/packages/Velmora-Server/etc/velmora/vt_pop3.config";
 constexpr char kRealFetchmail[] = "/usr/bin/fetchmail";
 constexpr char kServerRoot[] = "/var/tmp/velmora-pop3";
 constexpr char kDeliveryRoot[] = "/var/tmp/velmora-delivered";
@@ -249,9 +244,9 @@ class Pop3FetchEndToEndTest : public testing::TestWithParam<CallerEnv> {
     ASSERT_TRUE(server_->AddMailbox(Mailbox(user)));
     ASSERT_TRUE(MakeDeliveryDir(DeliveryDir(user), user));
     const std::string password = password_in_rc.empty() ? Password(user) : password_in_rc;
-    ASSERT_TRUE(WriteOwnedFile(
-        Rc(user), ControlFileText(999, kPort, Mailbox(user), password, DeliveryDir(user)), user.uid,
-        group, mode));
+    ASSERT_TRUE(WriteOwned(Rc(user),
+                           ControlFileText(999, kPort, Mailbox(user), password, DeliveryDir(user)),
+                           user.uid, group, mode));
   }
 
   std::string ExpectedRc(const LocalUser& user, uint32_t interval,

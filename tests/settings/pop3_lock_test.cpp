@@ -18,22 +18,16 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "settings/settings_test_util.h"
+#include "support/settings_test_util.h"
 
 namespace velmora {
 namespace test {
 namespace settings_test {
 namespace {
 
-using settings::Pop3Control;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
-constexpr char kUidList[] = "/var/spool/mail/vt/db/vt_pop3_uid.config";
-constexpr char kSwitchFile[] = "/var/packages/Velmora-Server/etc/velmora/vt_pop3.config";
-constexpr char kLockFile[] = "/var/lock/velmora_server/vt_pop3.lock";
 constexpr char kControlText[] = "poll 127.0.0.1 proto pop3\nset daemon 300\n";
 
 // Forks a child that waits for a byte on `go` and then exits with fn()'s
@@ -48,27 +42,17 @@ pid_t SpawnWaiting(int go, const std::function<int()>& fn) {
   return pid;
 }
 
-int ExitStatusOf(pid_t pid) {
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
-}
-
 bool IsRunning(pid_t pid) {
   std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
   size_t close_paren = stat.rfind(')');
   return close_paren != std::string::npos && stat[close_paren + 2] != 'Z';
 }
 
-class Pop3LockTest : public testing::Test {
+class Pop3LockTest : public Pop3ServiceTest {
  protected:
   void SetUp() override {
-    ResetSystemTree();
-    ASSERT_TRUE(InstallBackendStandIn());
-    ASSERT_TRUE(InstallFetchmailStandIn());
-    ASSERT_TRUE(MakeDir(kLockDir, kAccount, kAccount, 0755));
-    ASSERT_TRUE(MakeDir(std::string(kSpool) + "/vt/db", kAccount, kAccount, 0755));
-    ASSERT_TRUE(MakeDir(kSettingsDir, kAccount, kAccount, 0755));
+    Pop3ServiceTest::SetUp();
+    if (HasFatalFailure()) return;
     ASSERT_TRUE(WriteFile(kSwitchFile, "true\n5\n"));
     for (uint32_t uid : {kUser1, kUser2}) {
       std::string dir = control_.UserFetchMailPath(uid);

@@ -17,8 +17,8 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "sdk/test_util.h"
 #include "support/log_capture.h"
+#include "support/test_util.h"
 
 namespace velmora {
 namespace test {
@@ -33,19 +33,6 @@ using testing::IsEmpty;
 constexpr int kTableSize = 64;
 constexpr int kWriters = 8;
 constexpr int kRounds = 1000;
-
-// Runs `fn` in a forked child whose exit status is fn's result.
-pid_t Spawn(const std::function<int()>& fn) {
-  pid_t pid = fork();
-  if (pid == 0) _exit(fn());
-  return pid;
-}
-
-int ExitStatus(pid_t pid) {
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
-}
 
 // Parses a whole decimal number; -1 for anything else.
 long long Number(const std::string& text) {
@@ -136,8 +123,8 @@ TEST(FileStressTest, EightProcessesLoseNoUpdateAndAReaderNeverSeesAPartialFile) 
     }));
     ASSERT_GT(writers.back(), 0);
   }
-  for (pid_t writer : writers) EXPECT_EQ(ExitStatus(writer), 0);
-  EXPECT_EQ(ExitStatus(reader), 0);
+  for (pid_t writer : writers) EXPECT_EQ(ExitStatusOf(writer), 0);
+  EXPECT_EQ(ExitStatusOf(reader), 0);
   long long reads = 0;
   ASSERT_EQ(read(report[0], &reads, sizeof(reads)), static_cast<ssize_t>(sizeof(reads)));
   close(report[0]);

@@ -25,22 +25,16 @@
 
 #include <velmora/backend.h>
 
-#include "backend/redis_test_util.h"
 #include "support/log_capture.h"
+#include "support/redis_test_util.h"
 #include "support/server_process.h"
 
 namespace velmora {
 namespace {
 
-using backend::RedisClient;
-using test::LogCapture;
-using test::ServerProcess;
-
 using namespace redis_test;  // NOLINT(build/namespaces)
-using Map = std::unordered_map<std::string, std::string>;
 
 constexpr int kThreads = 16;
-constexpr int kTimeoutMs = 2000;
 
 int StressSeconds() {
   const char* text = std::getenv("VELMORA_STRESS_SECONDS");

@@ -240,6 +240,51 @@ void LogCapture::Reset() {
   }
 }
 
+void PrintTo(const LogRecord& record, std::ostream* os) {
+  *os << "<" << record.priority << "> \"" << record.text << "\"";
+}
+
+bool MessageOf(const std::string& text, const std::string& module, const std::string& process,
+               std::string* message) {
+  const std::string head = module + ":";
+  if (text.compare(0, head.size(), head) != 0) return false;
+  size_t pos = head.size();
+  while (pos < text.size() && std::isdigit(static_cast<unsigned char>(text[pos]))) ++pos;
+  if (pos == head.size()) return false;
+  const std::string middle = ": " + process + ": ";
+  if (text.compare(pos, middle.size(), middle) != 0) return false;
+  *message = text.substr(pos + middle.size());
+  return true;
+}
+
+bool IsModuleLine(const std::string& text, const std::string& module, const std::string& message) {
+  std::string found;
+  return MessageOf(text, module, program_invocation_short_name, &found) && found == message;
+}
+
+::testing::AssertionResult LoggedExactly(const std::vector<LogRecord>& records, int priority,
+                                         const std::string& module,
+                                         const std::vector<std::string>& messages) {
+  bool ok = records.size() == messages.size();
+  for (size_t k = 0; ok && k < records.size(); ++k) {
+    ok = records[k].priority == priority && IsModuleLine(records[k].text, module, messages[k]);
+  }
+  if (ok) return ::testing::AssertionSuccess();
+  // At most 20 lines of each side: a runaway loop may have logged thousands.
+  constexpr size_t kShown = 20;
+  ::testing::AssertionResult failure = ::testing::AssertionFailure();
+  failure << "expected " << messages.size() << " line(s):";
+  for (size_t k = 0; k < messages.size() && k < kShown; ++k) {
+    failure << "\n  <" << priority << "> " << module << ":<line>: " << program_invocation_short_name
+            << ": " << messages[k];
+  }
+  failure << "\ngot " << records.size() << ":";
+  for (size_t k = 0; k < records.size() && k < kShown; ++k) {
+    failure << "\n  <" << records[k].priority << "> " << records[k].text;
+  }
+  return failure;
+}
+
 bool InHermeticRunner() {
   const char* flag = std::getenv("VELMORA_HERMETIC");
   if (flag == nullptr || *flag == '\0') return false;

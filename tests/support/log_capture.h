@@ -14,12 +14,23 @@
 // other that has returned from syslog()) is included. The constructor and
 // Reset() sync the same way, so nothing logged before them shows up later.
 // Sync problems (no sink, log not readable) are reported as test failures.
+//
+// The library's lines read "<module>:<line>: <process name>: <message>"; the
+// matchers below check a record's priority and every part of that exactly,
+// except the line number (one or more digits).
 #ifndef VELMORA_TESTS_SUPPORT_LOG_CAPTURE_H_
 #define VELMORA_TESTS_SUPPORT_LOG_CAPTURE_H_
 
+#include <errno.h>
+
+#include <ostream>
+#include <regex>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
 
 namespace velmora::test {
 
@@ -67,6 +78,53 @@ class LogCapture {
   std::string log_file_;
   long long start_ = 0;
 };
+
+// Prints a record as <PRI> "text" in failure messages.
+void PrintTo(const LogRecord& record, std::ostream* os);
+
+// When `text` reads "<module>:<digits>: <process>: <message>", stores the
+// message and returns true; otherwise false.
+bool MessageOf(const std::string& text, const std::string& module, const std::string& process,
+               std::string* message);
+
+// True when `text` is "<module>:<digits>: <this process>: <message>".
+bool IsModuleLine(const std::string& text, const std::string& module, const std::string& message);
+
+// Success when `records` are exactly `messages`, in order, each one line at
+// `priority` from `module` written by this process; nothing else.
+::testing::AssertionResult LoggedExactly(const std::vector<LogRecord>& records, int priority,
+                                         const std::string& module,
+                                         const std::vector<std::string>& messages);
+
+// LoggedExactly for one priority and module, called as
+// Logged(records, {"message", ...}).
+struct ModuleLog {
+  int priority;
+  std::string module;
+  ::testing::AssertionResult operator()(const std::vector<LogRecord>& records,
+                                        const std::vector<std::string>& messages) const {
+    return LoggedExactly(records, priority, module, messages);
+  }
+};
+
+// A record at `priority` reading "<module>:<line>: <this process>: <message>".
+MATCHER_P3(LogAt, priority, module, message,
+           std::string(negation ? "isn't" : "is") + " <" + std::to_string(priority) + "> \"" +
+               std::string(module) + ":<line>: " + program_invocation_short_name + ": " +
+               std::string(message) + "\"") {
+  return arg.priority == priority && IsModuleLine(arg.text, module, message);
+}
+
+// The same with the message matched whole by an ECMAScript regular expression.
+MATCHER_P3(LogAtMatching, priority, module, pattern,
+           std::string(negation ? "isn't" : "is") + " <" + std::to_string(priority) + "> \"" +
+               std::string(module) + ":<line>: " + program_invocation_short_name + ": " +
+               std::string(pattern) + "\"") {
+  std::string text;
+  return arg.priority == priority &&
+         MessageOf(arg.text, module, program_invocation_short_name, &text) &&
+         std::regex_match(text, std::regex(std::string(pattern)));
+}
 
 // True when running under scripts/hermetic-run: $VELMORA_HERMETIC is set and
 // the runner's private /run/velmora-test exists.

@@ -21,28 +21,6 @@ constexpr char kHomes[] = "/var/tmp/home";
 constexpr char kAccountCopies[] = "/run/velmora-pop3-world";
 constexpr char kDovecot[] = "/usr/sbin/dovecot";
 
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
-}
-
-bool WriteAll(const std::string& path, const std::string& text, mode_t mode) {
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  if (fd < 0) return false;
-  size_t done = 0;
-  while (done < text.size()) {
-    ssize_t put = write(fd, text.data() + done, text.size() - done);
-    if (put <= 0) {
-      close(fd);
-      return false;
-    }
-    done += static_cast<size_t>(put);
-  }
-  return close(fd) == 0 && chmod(path.c_str(), mode) == 0;
-}
-
 // Looks for an entry named `name` or with the id `id` (third field) in an
 // account table. 1 when an entry has both, 0 when none has either, -1 when
 // the name or the id belongs to some other entry.
@@ -70,7 +48,7 @@ int FindEntry(const std::string& table, const std::string& name, uint32_t id) {
 // Binds a copy of /etc/`file` with `extra` appended over the original.
 bool ExtendAccountFile(const std::string& file, const std::string& extra) {
   if (extra.empty()) return true;
-  std::string text = ReadAll("/etc/" + file);
+  std::string text = ReadFile("/etc/" + file);
   if (!text.empty() && text.back() != '\n') text.push_back('\n');
   text += extra;
   mkdir(kAccountCopies, 0755);
@@ -78,28 +56,14 @@ bool ExtendAccountFile(const std::string& file, const std::string& extra) {
   static int generation = 0;
   const std::string copy =
       std::string(kAccountCopies) + "/" + file + "." + std::to_string(++generation);
-  return WriteAll(copy, text, 0644) &&
-         mount(copy.c_str(), ("/etc/" + file).c_str(), nullptr, MS_BIND, nullptr) == 0;
-}
-
-std::vector<std::string> ListNames(const std::string& dir) {
-  std::vector<std::string> names;
-  DIR* d = opendir(dir.c_str());
-  if (d == nullptr) return names;
-  while (dirent* e = readdir(d)) {
-    std::string name = e->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  closedir(d);
-  std::sort(names.begin(), names.end());
-  return names;
+  return BindCopyOver(copy, text, "/etc/" + file);
 }
 
 bool RemoveTree(const std::string& path) {
   struct stat st;
   if (lstat(path.c_str(), &st) != 0) return errno == ENOENT;
   if (S_ISDIR(st.st_mode)) {
-    for (const std::string& name : ListNames(path)) {
+    for (const std::string& name : ListDir(path)) {
       if (!RemoveTree(path + "/" + name)) return false;
     }
     return rmdir(path.c_str()) == 0;
@@ -118,12 +82,6 @@ bool MakeOwnedDirs(const std::string& path, uid_t uid, gid_t gid, mode_t mode) {
   return chown(path.c_str(), uid, gid) == 0 && chmod(path.c_str(), mode) == 0;
 }
 
-bool WriteOwnedFile(const std::string& path, const std::string& text, uid_t uid, gid_t gid,
-                    mode_t mode) {
-  return WriteAll(path, text, mode) && chown(path.c_str(), uid, gid) == 0 &&
-         chmod(path.c_str(), mode) == 0;
-}
-
 std::vector<LocalUser> NumberedUsers(const std::string& prefix, uint32_t first_id, int count) {
   std::vector<LocalUser> users;
   for (int i = 0; i < count; ++i) {
@@ -136,8 +94,8 @@ std::vector<LocalUser> NumberedUsers(const std::string& prefix, uint32_t first_i
 }
 
 bool AddLocalUsers(const std::vector<LocalUser>& users) {
-  const std::string passwd = ReadAll("/etc/passwd");
-  const std::string group = ReadAll("/etc/group");
+  const std::string passwd = ReadFile("/etc/passwd");
+  const std::string group = ReadFile("/etc/group");
   std::string passwd_extra;
   std::string group_extra;
   for (const LocalUser& user : users) {
@@ -214,7 +172,7 @@ bool Pop3Server::Start() {
   };
   std::string config;
   for (const std::string& line : lines) config += line + "\n";
-  if (!WriteAll(config_path_, config, 0644)) return false;
+  if (!WriteFile(config_path_, config, 0644)) return false;
   const int listen_port = port_;
   process_ = std::make_unique<ServerProcess>(
       std::vector<std::string>{kDovecot, "-F", "-c", config_path_},
@@ -242,7 +200,7 @@ bool Pop3Server::AddMailbox(const std::string& mailbox) {
 }
 
 bool Pop3Server::Clear() {
-  for (const std::string& name : ListNames(root_ + "/mail")) {
+  for (const std::string& name : ListDir(root_ + "/mail")) {
     if (!RemoveTree(root_ + "/mail/" + name)) return false;
   }
   return true;
@@ -252,19 +210,19 @@ bool Pop3Server::Deposit(const std::string& mailbox, const std::string& message)
   const std::string name = std::to_string(time(nullptr)) + ".M" + std::to_string(++deposited_) +
                            "P" + std::to_string(getpid()) + ".velmora-test";
   const std::string temp = MailDir(mailbox) + "/tmp/" + name;
-  return WriteOwnedFile(temp, message, kMailAccountId, kMailAccountId, 0600) &&
+  return WriteOwned(temp, message, kMailAccountId, kMailAccountId, 0600) &&
          rename(temp.c_str(), (MailDir(mailbox) + "/new/" + name).c_str()) == 0;
 }
 
 int Pop3Server::Waiting(const std::string& mailbox) const {
-  return static_cast<int>(ListNames(MailDir(mailbox) + "/new").size() +
-                          ListNames(MailDir(mailbox) + "/cur").size());
+  return static_cast<int>(ListDir(MailDir(mailbox) + "/new").size() +
+                          ListDir(MailDir(mailbox) + "/cur").size());
 }
 
 int Pop3Server::EndedSessions(const std::string& mailbox) const {
   // dovecot logs "pop3(<user>)<pid><session>: Info: Disconnected: ..." when
   // a session of the user ends, whether it logged out or not.
-  std::istringstream log(ReadAll(log_path_));
+  std::istringstream log(ReadFile(log_path_));
   const std::string who = "pop3(" + mailbox + ")";
   int ended = 0;
   for (std::string line; std::getline(log, line);) {
@@ -299,8 +257,8 @@ bool MakeDeliveryDir(const std::string& dir, const LocalUser& user) {
 
 std::vector<std::string> DeliveredMessages(const std::string& dir) {
   std::vector<std::string> messages;
-  for (const std::string& name : ListNames(dir + "/new")) {
-    messages.push_back(ReadAll(dir + "/new/" + name));
+  for (const std::string& name : ListDir(dir + "/new")) {
+    messages.push_back(ReadFile(dir + "/new/" + name));
   }
   return messages;
 }

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "support/server_process.h"
+#include "support/test_util.h"  // WriteOwned and the other file helpers
 
 namespace velmora::test {
 
@@ -106,10 +107,6 @@ std::vector<std::string> DeliveredMessages(const std::string& dir);
 // Creates the directories of `path` (mode 0755, root) up to its parent and
 // the last directory itself with `uid`:`gid` and `mode`. True on success.
 bool MakeOwnedDirs(const std::string& path, uid_t uid, gid_t gid, mode_t mode);
-
-// Writes `text` to `path` with owner, group and mode (set after the write).
-bool WriteOwnedFile(const std::string& path, const std::string& text, uid_t uid, gid_t gid,
-                    mode_t mode);
 
 }  // namespace velmora::test
 

@@ -17,8 +17,8 @@
 #include <velmora/velmora.h>
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "settings/settings_test_util.h"
-#include "tools/tool_runner.h"
+#include "support/settings_test_util.h"
+#include "support/tool_runner.h"
 
 namespace velmora {
 namespace test {

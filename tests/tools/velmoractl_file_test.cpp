@@ -19,18 +19,12 @@
 #include <velmora/velmora.h>
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "settings/settings_test_util.h"
-#include "tools/tool_runner.h"
+#include "support/settings_test_util.h"
+#include "support/tool_runner.h"
 
 namespace velmora {
 namespace test {
 namespace {
-
-using namespace settings_test;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::StartsWith;
 
 // ---- key=value files ----
 

@@ -32,9 +32,9 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "sdk/test_util.h"
 #include "support/log_capture.h"
-#include "tools/tool_runner.h"
+#include "support/test_util.h"
+#include "support/tool_runner.h"
 
 namespace velmora {
 namespace test {
@@ -49,8 +49,6 @@ constexpr char kBackend[] = "/var/packages/Velmora-Server/target/bin/orvo_mailse
 constexpr char kFetchmail[] = "/var/packages/Quillbox/target/bin/fetchmail";
 constexpr char kSpool[] = "/var/spool/mail";
 constexpr char kLockDir[] = "/var/lock/velmora_server";
-constexpr char kLockFile[] = "/var/lock/velmora_server/vt_pop3.lock";
-constexpr char kUidList[] = "/var/spool/mail/vt/db/vt_pop3_uid.config";
 // Every run of a stand-in appends one line here.
 constexpr char kCallsDir[] = "/var/tmp/velmora-pop3-list";
 constexpr char kCalls[] = "/var/tmp/velmora-pop3-list/calls";

@@ -18,18 +18,12 @@
 #include <velmora/velmora.h>
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "settings/settings_test_util.h"
-#include "tools/tool_runner.h"
+#include "support/settings_test_util.h"
+#include "support/tool_runner.h"
 
 namespace velmora {
 namespace test {
 namespace {
-
-using namespace settings_test;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::StartsWith;
 
 // A run of the tool and how long it took.
 struct TimedResult {
@@ -269,16 +263,8 @@ TEST_F(VelmoractlFeatures, HelpListsTheExitStatuses) {
 
 // ---- POP3 fetch service ----
 
-class VelmoractlPop3 : public ::testing::Test {
+class VelmoractlPop3 : public Pop3ServiceTest {
  protected:
-  void SetUp() override {
-    ResetSystemTree();
-    ASSERT_TRUE(InstallBackendStandIn());
-    ASSERT_TRUE(InstallFetchmailStandIn());
-    ASSERT_TRUE(MakeDir(kLockDir, kAccount, kAccount, 0755));
-    ASSERT_TRUE(MakeDir(std::string(kSpool) + "/vt/db", kAccount, kAccount, 0755));
-    ASSERT_TRUE(MakeDir(kSettingsDir, kAccount, kAccount, 0755));
-  }
   void TearDown() override { EXPECT_TRUE(NoVelmoractlLeft()); }
 
   void MakeUserFiles(uint32_t uid) {

@@ -16,23 +16,17 @@
 #include <json/json.h>
 
 #include <velmora/velmora.h>
-#include "backend/redis_test_util.h"
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "settings/settings_test_util.h"
 #include "support/one_shot_server.h"
+#include "support/redis_test_util.h"
 #include "support/server_process.h"
-#include "tools/tool_runner.h"
+#include "support/settings_test_util.h"
+#include "support/tool_runner.h"
 
 namespace velmora {
 namespace test {
 namespace {
-
-using namespace settings_test;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-using ::testing::StartsWith;
 
 // ---- Command line ----
 
@@ -423,25 +417,7 @@ TEST(VelmoractlUser, NameAndUid) {
 
 // ---- Quota store ----
 
-class VelmoractlQuota : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    server_ = new ServerProcess(redis_test::RedisServerCommand(),
-                                [] { return CanConnectTcp(redis_test::kHost, redis_test::kPort); });
-  }
-  static void TearDownTestSuite() {
-    delete server_;
-    server_ = nullptr;
-  }
-  void SetUp() override {
-    ASSERT_TRUE(server_->Start());
-    ASSERT_TRUE(raw_.Connect());
-    ASSERT_TRUE(raw_.Reset());
-  }
-  static ServerProcess* server_;
-  redis_test::RawRedis raw_;  // the test's own connection
-};
-ServerProcess* VelmoractlQuota::server_ = nullptr;
+class VelmoractlQuota : public redis_test::RealRedisTest {};
 
 TEST_F(VelmoractlQuota, LimitWarningAndAttrRoundTrip) {
   Result set = Tool({"quota", "limit", "set", "alice", "1073741824"});

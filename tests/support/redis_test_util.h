@@ -7,8 +7,8 @@
 // Only valid inside the hermetic test runner (private loopback, so the
 // fixed port 8506 belongs to the test). A binary that includes this also
 // links redis_test_util.cpp.
-#ifndef VELMORA_TESTS_BACKEND_REDIS_TEST_UTIL_H_
-#define VELMORA_TESTS_BACKEND_REDIS_TEST_UTIL_H_
+#ifndef VELMORA_TESTS_SUPPORT_REDIS_TEST_UTIL_H_
+#define VELMORA_TESTS_SUPPORT_REDIS_TEST_UTIL_H_
 
 #include <arpa/inet.h>
 #include <errno.h>
@@ -31,9 +31,16 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include <hiredis/hiredis.h>
+
+#include <velmora/backend.h>
+
+#include "gtest/gtest.h"
+#include "support/log_capture.h"
+#include "support/server_process.h"
 
 namespace velmora {
 namespace redis_test {
@@ -42,6 +49,15 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char kHost[] = "127.0.0.1";
 constexpr int kPort = 8506;
+// The names that the Redis tests share.
+using backend::RedisClient;
+using test::LogCapture;
+using test::ServerProcess;
+
+// The time limit the tests give a client's calls.
+constexpr int kTimeoutMs = 2000;
+
+using Map = std::unordered_map<std::string, std::string>;
 
 // The real server on kHost:`port`, without persistence, in the foreground.
 inline std::vector<std::string> RedisServerCommand(int port = kPort) {
@@ -53,30 +69,52 @@ inline std::vector<std::string> RedisServerCommand(int port = kPort) {
 // ---------------------------------------------------------------------------
 // Replies written by hand, in the Redis protocol.
 
+// A bulk string.
 inline std::string Bulk(const std::string& s) {
   return "$" + std::to_string(s.size()) + "\r\n" + s + "\r\n";
 }
+// A status reply ("+OK").
 inline std::string Status(const std::string& s) { return "+" + s + "\r\n"; }
+// An error reply.
 inline std::string Error(const std::string& s) { return "-" + s + "\r\n"; }
+// An integer reply.
 inline std::string Int(long long n) { return ":" + std::to_string(n) + "\r\n"; }
+// The nil bulk string.
 inline std::string Nil() { return "$-1\r\n"; }
+// An array of replies already encoded.
 inline std::string Array(const std::vector<std::string>& encoded) {
   std::string out = "*" + std::to_string(encoded.size()) + "\r\n";
   for (const std::string& e : encoded) out += e;
   return out;
 }
+// An array of bulk strings.
 inline std::string BulkArray(const std::vector<std::string>& items) {
   std::vector<std::string> encoded;
   for (const std::string& i : items) encoded.push_back(Bulk(i));
   return Array(encoded);
 }
+// A SCAN reply: the next cursor and a page of keys.
 inline std::string ScanReply(const std::string& cursor, const std::vector<std::string>& keys) {
   return Array({Bulk(cursor), BulkArray(keys)});
 }
 
+// `s` in upper case (command names).
 inline std::string Upper(std::string s) {
   for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   return s;
+}
+
+// Makes the TCP socket `fd` listen on kHost:`port` (0: a free port) with
+// `backlog`; *addr is the address it got. False when any step failed.
+inline bool ListenOnLoopback(int fd, int port, int backlog, sockaddr_in* addr) {
+  int one = 1;
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+  addr->sin_family = AF_INET;
+  addr->sin_port = htons(static_cast<uint16_t>(port));
+  inet_pton(AF_INET, kHost, &addr->sin_addr);
+  socklen_t len = sizeof(*addr);
+  return fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(addr), sizeof(*addr)) == 0 &&
+         listen(fd, backlog) == 0 && getsockname(fd, reinterpret_cast<sockaddr*>(addr), &len) == 0;
 }
 
 // A stand-in Redis server on 127.0.0.1 (an ephemeral port unless one is
@@ -95,19 +133,9 @@ class FakeRedis {
       std::function<std::optional<Answer>(const std::vector<std::string>& request, int nth)>;
 
   explicit FakeRedis(Handler handler, int port = 0) : handler_(std::move(handler)) {
-    listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int one = 1;
-    setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
     sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    inet_pton(AF_INET, kHost, &addr.sin_addr);
-    ok_ = listen_fd_ >= 0 &&
-          bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
-          listen(listen_fd_, 16) == 0;
-    socklen_t len = sizeof(addr);
-    ok_ = ok_ && getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len) == 0 &&
-          pipe2(wake_, O_CLOEXEC) == 0;
+    listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ok_ = ListenOnLoopback(listen_fd_, port, 16, &addr) && pipe2(wake_, O_CLOEXEC) == 0;
     port_ = ntohs(addr.sin_port);
     if (ok_) thread_ = std::thread([this] { Serve(); });
   }
@@ -405,6 +433,7 @@ class RawRedis {
   redisContext* ctx_ = nullptr;
 };
 
+// Milliseconds since `since`.
 inline long long ElapsedMs(Clock::time_point since) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count();
 }
@@ -414,19 +443,9 @@ inline long long ElapsedMs(Clock::time_point since) {
 class BlackHole {
  public:
   explicit BlackHole(int port = 0) {
-    listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int one = 1;
-    setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
     sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    inet_pton(AF_INET, kHost, &addr.sin_addr);
-    socklen_t len = sizeof(addr);
-    if (bind(listen_fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
-        listen(listen_fd_, 0) != 0 ||
-        getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-      return;
-    }
+    listen_fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (!ListenOnLoopback(listen_fd_, port, 0, &addr)) return;
     port_ = ntohs(addr.sin_port);
     // Fill the queue: once a non-blocking connect stays in progress, the
     // queue is full.
@@ -457,7 +476,30 @@ class BlackHole {
   std::vector<int> fillers_;
 };
 
+// A suite sharing one real redis-server on kPort, started with the suite
+// and emptied (keys and counters) before every test; raw_ is the test's own
+// connection to it.
+class RealRedisTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    server_ = new test::ServerProcess(RedisServerCommand(),
+                                      [] { return test::CanConnectTcp(kHost, kPort); });
+  }
+  static void TearDownTestSuite() {
+    delete server_;
+    server_ = nullptr;
+  }
+  void SetUp() override {
+    ASSERT_TRUE(server_->Start());
+    ASSERT_TRUE(raw_.Connect());
+    ASSERT_TRUE(raw_.Reset());
+  }
+
+  static inline test::ServerProcess* server_ = nullptr;
+  RawRedis raw_;
+};
+
 }  // namespace redis_test
 }  // namespace velmora
 
-#endif  // VELMORA_TESTS_BACKEND_REDIS_TEST_UTIL_H_
+#endif  // VELMORA_TESTS_SUPPORT_REDIS_TEST_UTIL_H_

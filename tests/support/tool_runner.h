@@ -1,7 +1,7 @@
 // Runs the installed velmoractl as a separate program (as root or as a test
 // user) and reads what it printed, for the velmoractl test binaries.
-#ifndef VELMORA_TESTS_TOOLS_TOOL_RUNNER_H_
-#define VELMORA_TESTS_TOOLS_TOOL_RUNNER_H_
+#ifndef VELMORA_TESTS_SUPPORT_TOOL_RUNNER_H_
+#define VELMORA_TESTS_SUPPORT_TOOL_RUNNER_H_
 
 #include <chrono>
 #include <string>
@@ -10,9 +10,18 @@
 #include <json/json.h>
 
 #include "gmock/gmock.h"
+#include "support/log_capture.h"
+#include "support/settings_test_util.h"
 
 namespace velmora {
 namespace test {
+
+// The names that the velmoractl tests share.
+using namespace settings_test;  // NOLINT(build/namespaces)
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
 
 struct Result {
   int status = -1;  // exit status, or 128 + signal
@@ -44,14 +53,12 @@ MATCHER(OneErrorLine, "is one line starting with \"velmoractl: \"") {
 MATCHER_P3(ToolLine, priority, module, message,
            "is <" + std::to_string(priority) + "> " + std::string(module) +
                ":<line>: velmoractl: " + std::string(message)) {
-  const std::string head = std::string(module) + ":";
-  if (arg.priority != priority || arg.text.compare(0, head.size(), head) != 0) return false;
-  size_t pos = head.size();
-  while (pos < arg.text.size() && isdigit(static_cast<unsigned char>(arg.text[pos]))) ++pos;
-  return pos > head.size() && arg.text.substr(pos) == ": velmoractl: " + std::string(message);
+  std::string text;
+  return arg.priority == priority && MessageOf(arg.text, module, "velmoractl", &text) &&
+         text == message;
 }
 
 }  // namespace test
 }  // namespace velmora
 
-#endif  // VELMORA_TESTS_TOOLS_TOOL_RUNNER_H_
+#endif  // VELMORA_TESTS_SUPPORT_TOOL_RUNNER_H_

@@ -3,8 +3,8 @@
 // trees, children with private mounts or with fork() made to fail, and
 // checks that no child or detached helper process is left behind.
 // Only valid inside the hermetic test runner.
-#ifndef VELMORA_TESTS_SETTINGS_SETTINGS_TEST_UTIL_H_
-#define VELMORA_TESTS_SETTINGS_SETTINGS_TEST_UTIL_H_
+#ifndef VELMORA_TESTS_SUPPORT_SETTINGS_TEST_UTIL_H_
+#define VELMORA_TESTS_SUPPORT_SETTINGS_TEST_UTIL_H_
 
 #include <errno.h>
 #include <fcntl.h>
@@ -37,19 +37,27 @@
 #include <thread>
 #include <vector>
 
+#include <velmora/settings.h>
+
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "sdk/test_util.h"
 #include "support/log_capture.h"
+#include "support/seccomp_util.h"
+#include "support/test_util.h"
 
 namespace velmora {
 namespace test {
 
-inline void PrintTo(const LogRecord& record, std::ostream* os) {
-  *os << "<" << record.priority << "> \"" << record.text << "\"";
-}
-
 namespace settings_test {
+
+// The names that the settings tests share.
+using settings::Pop3Control;
+using settings::record::GlobalPOP3Config;
+using settings::record::VelmoraConfig;
+using test::WriteOwned;  // also spelled settings_test::WriteOwned
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 
 constexpr int kErr = LOG_LOCAL1 | LOG_ERR;          // 139
 constexpr int kWarning = LOG_LOCAL1 | LOG_WARNING;  // 140
@@ -74,6 +82,14 @@ constexpr char kFetchmail[] = "/var/packages/Quillbox/target/bin/fetchmail";
 constexpr char kLockDir[] = "/var/lock/velmora_server";
 constexpr char kSpool[] = "/var/spool/mail";
 
+// The POP3 fetch service of the domain "vt": its switch, its list of users,
+// its lock, and the fetch file of the first test user.
+constexpr char kSwitchFile[] = "/var/packages/Velmora-Server/etc/velmora/vt_pop3.config";
+constexpr char kUidListDir[] = "/var/spool/mail/vt/db";
+constexpr char kUidList[] = "/var/spool/mail/vt/db/vt_pop3_uid.config";
+constexpr char kLockFile[] = "/var/lock/velmora_server/vt_pop3.lock";
+constexpr char kUser1Rc[] = "/var/spool/mail/vt/1001/61001/.ORVOQB/quillbox_pop3_fetch";
+
 // Where the stand-ins record their calls; any user may append.
 constexpr char kRecordDir[] = "/var/tmp/velmora-standin";
 constexpr char kBackendCalls[] = "/var/tmp/velmora-standin/backend.calls";
@@ -96,51 +112,38 @@ constexpr uid_t kUser2 = 61002;
 constexpr uid_t kUser3 = 61003;
 constexpr gid_t kShared = 61100;  // vtshared
 
-// True when `text` is "<module>:<digits>: <this process>: <message>".
-inline bool IsLogText(const std::string& text, const std::string& module,
-                      const std::string& message) {
-  const std::string head = module + ":";
-  if (text.compare(0, head.size(), head) != 0) return false;
-  size_t pos = head.size();
-  const size_t digits = pos;
-  while (pos < text.size() && std::isdigit(static_cast<unsigned char>(text[pos]))) ++pos;
-  if (pos == digits) return false;
-  return text.substr(pos) == ": " + std::string(program_invocation_short_name) + ": " + message;
-}
-
-MATCHER_P3(LogAt, priority, module, message,
-           std::string(negation ? "isn't" : "is") + " <" + std::to_string(priority) + "> \"" +
-               std::string(module) + ":<line>: " + program_invocation_short_name + ": " +
-               std::string(message) + "\"") {
-  return arg.priority == priority && IsLogText(arg.text, module, message);
-}
-
 // A line of the settings module at local1.err.
 inline auto Err(const std::string& message) { return LogAt(kErr, kSettingsModule, message); }
 
+// The client switches with chat, calendar and external sources on and the
+// rest off, as a settings file without those keys gives them.
+inline VelmoraConfig Defaults() {
+  VelmoraConfig c{};
+  c.enable_chat = c.enable_calendar = c.enable_externalsource = true;
+  return c;
+}
+
 // ---- Files and trees ----
 
+// Runs `command` with /bin/sh; its exit status, or -1.
 inline int Shell(const std::string& command) {
   int rc = std::system(command.c_str());
   return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
 }
 
+// mkdir -p `path`, then gives the last directory `uid`:`gid` and `mode`.
 inline bool MakeDir(const std::string& path, uid_t uid = 0, gid_t gid = 0, mode_t mode = 0755) {
   if (Shell("mkdir -p '" + path + "'") != 0) return false;
   return chown(path.c_str(), uid, gid) == 0 && chmod(path.c_str(), mode) == 0;
 }
 
-inline bool WriteOwned(const std::string& path, const std::string& data, uid_t uid, gid_t gid,
-                       mode_t mode) {
-  return WriteFile(path, data, mode) && chown(path.c_str(), uid, gid) == 0 &&
-         chmod(path.c_str(), mode) == 0;
-}
-
+// True when `path` is a directory (links followed).
 inline bool IsDirectoryPath(const std::string& path) {
   struct stat st;
   return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+// The inode number of `path` (links followed), 0 when it is missing.
 inline ino_t InodeOf(const std::string& path) {
   struct stat st;
   return stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
@@ -232,6 +235,7 @@ struct Call {
   bool operator==(const Call& other) const { return args == other.args && ids == other.ids; }
 };
 
+// Prints a call as {"arg" ... as <ids>} in failure messages.
 inline void PrintTo(const Call& call, std::ostream* os) {
   *os << "{";
   for (const auto& a : call.args) *os << "\"" << a << "\" ";
@@ -239,6 +243,8 @@ inline void PrintTo(const Call& call, std::ostream* os) {
   *os << "}";
 }
 
+// The calls a stand-in recorded in `path`, one a line, arguments ended by tabs
+// (followed by the ids when `with_ids`).
 inline std::vector<Call> ReadCalls(const std::string& path, bool with_ids) {
   std::vector<Call> calls;
   std::istringstream in(ReadFile(path));
@@ -255,16 +261,20 @@ inline std::vector<Call> ReadCalls(const std::string& path, bool with_ids) {
   return calls;
 }
 
+// The calls of the back-end tool and of fetchmail so far.
 inline std::vector<Call> BackendCalls() { return ReadCalls(kBackendCalls, false); }
 inline std::vector<Call> FetchmailCalls() { return ReadCalls(kFetchmailCalls, true); }
 
+// The back-end tool asked to sync `path`.
 inline Call SyncCall(const std::string& path) { return Call{{"--syncFile", path}, ""}; }
 
+// "<ruid> <euid> <rgid> <egid>" as the fetchmail stand-in records them.
 inline std::string Ids(unsigned ruid, unsigned euid, unsigned rgid, unsigned egid) {
   return std::to_string(ruid) + " " + std::to_string(euid) + " " + std::to_string(rgid) + " " +
          std::to_string(egid);
 }
 
+// fetchmail started on the fetch directory `dir` as `uid`:`gid`.
 inline Call StartCall(const std::string& dir, unsigned uid, unsigned gid) {
   return Call{{"-f", dir + "quillbox_pop3_fetch", "--pidfile", dir + "quillbox_fetchmail.pid",
                "--idfile", dir + "quillbox_fetchmail.id"},
@@ -279,6 +289,20 @@ inline Call StopCall(const std::string& dir, unsigned uid, unsigned gid = 0) {
 }
 
 // ---- Children ----
+
+// A test of the POP3 fetch service: a fresh system tree with both stand-ins
+// installed and the account's lock, spool database and settings directories.
+class Pop3ServiceTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    ResetSystemTree();
+    ASSERT_TRUE(InstallBackendStandIn());
+    ASSERT_TRUE(InstallFetchmailStandIn());
+    ASSERT_TRUE(MakeDir(kLockDir, kAccount, kAccount, 0755));
+    ASSERT_TRUE(MakeDir(std::string(kSpool) + "/vt/db", kAccount, kAccount, 0755));
+    ASSERT_TRUE(MakeDir(kSettingsDir, kAccount, kAccount, 0755));
+  }
+};
 
 // Runs `fn` in a forked child and returns its exit status (fn's result), or
 // -1 when the child did not exit normally.
@@ -309,13 +333,7 @@ inline int InChildWithPrivateMounts(const std::function<int()>& fn) {
 }
 
 // Mounts a fresh tmpfs at `dir` (created when missing); true on success.
-inline bool MountTmpfsAt(const std::string& dir) {
-  return MakeDir(dir) && mount("tmpfs", dir.c_str(), "tmpfs", 0, "mode=0755") == 0;
-}
-
-inline bool RemountReadOnlyAt(const std::string& dir) {
-  return mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0;
-}
+inline bool MountTmpfsAt(const std::string& dir) { return MakeDir(dir) && MountTmpfsOn(dir); }
 
 // In a private mount namespace: binds a copy of /etc/passwd without the
 // entry of `name` and with `extra` lines added over /etc/passwd.
@@ -330,18 +348,8 @@ inline bool ReplacePasswd(const std::string& drop_name, const std::string& extra
     out += line + "\n";
   }
   out += extra;
-  const std::string copy = "/run/velmora-settings-passwd";
-  return WriteFile(copy, out, 0644) &&
-         mount(copy.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) == 0;
+  return BindCopyOver("/run/velmora-settings-passwd", out, "/etc/passwd");
 }
-
-#if defined(__x86_64__)
-constexpr unsigned kAuditArch = AUDIT_ARCH_X86_64;
-#elif defined(__aarch64__)
-constexpr unsigned kAuditArch = AUDIT_ARCH_AARCH64;
-#else
-constexpr unsigned kAuditArch = 0;
-#endif
 
 // Installs a seccomp filter on the calling thread under which every fork()
 // (a clone without CLONE_VM) fails with EAGAIN, or, with `notify`, is handed
@@ -352,11 +360,7 @@ constexpr unsigned kAuditArch = 0;
 inline int InstallForkFilter(bool notify) {
   if (kAuditArch == 0) return -1;
   const unsigned deny = notify ? SECCOMP_RET_USER_NOTIF : (SECCOMP_RET_ERRNO | EAGAIN);
-  sock_filter filter[] = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, arch)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kAuditArch, 1, 0),
-      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+  std::vector<sock_filter> filter = SeccompProgram({
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_clone3, 0, 1),
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_clone, 1, 0),
@@ -366,8 +370,8 @@ inline int InstallForkFilter(bool notify) {
       BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, CLONE_VM, 0, 1),
       BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
       BPF_STMT(BPF_RET | BPF_K, deny),
-  };
-  sock_fprog program{static_cast<unsigned short>(sizeof(filter) / sizeof(filter[0])), filter};
+  });
+  sock_fprog program{static_cast<unsigned short>(filter.size()), filter.data()};
   long rc = syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER,
                     notify ? SECCOMP_FILTER_FLAG_NEW_LISTENER : 0, &program);
   return rc < 0 ? -1 : static_cast<int>(rc);
@@ -378,6 +382,7 @@ inline int InChildWithoutFork(const std::function<int()>& fn) {
   return InChild([&fn] { return InstallForkFilter(false) == 0 ? fn() : 97; });
 }
 
+// The parent of `pid` from /proc, or -1.
 inline pid_t ParentOf(pid_t pid) {
   std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
   size_t close_paren = stat.rfind(')');
@@ -505,4 +510,4 @@ inline std::vector<std::pair<pid_t, uid_t>> ProcessesNamed(const std::string& co
 }  // namespace test
 }  // namespace velmora
 
-#endif  // VELMORA_TESTS_SETTINGS_SETTINGS_TEST_UTIL_H_
+#endif  // VELMORA_TESTS_SUPPORT_SETTINGS_TEST_UTIL_H_

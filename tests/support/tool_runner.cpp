@@ -1,6 +1,6 @@
 // The velmoractl runner: fork, drop to the test user when asked, exec the
 // installed tool, and collect both outputs until it ends.
-#include "tools/tool_runner.h"
+#include "support/tool_runner.h"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "gtest/gtest.h"
-#include "settings/settings_test_util.h"
+#include "support/settings_test_util.h"
 
 namespace velmora {
 namespace test {

@@ -8,15 +8,12 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
-#include "settings/settings_test_util.h"
+#include "support/settings_test_util.h"
 
 namespace velmora {
 namespace test {
 namespace settings_test {
 namespace {
-
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 auto UserErr(const std::string& message) { return LogAt(kErr, kUserModule, message); }
 
