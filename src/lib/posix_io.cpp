@@ -10,9 +10,8 @@ bool WriteAll(int fd, const void* data, size_t size) {
   while (size > 0) {
     ssize_t put = write(fd, next, size);
     if (put < 0 && errno == EINTR) continue;
-    if (put < 0) return false;
-    if (put == 0) {
-      errno = EIO;
+    if (put <= 0) {
+      if (put == 0) errno = EIO;
       return false;
     }
     next += put;

@@ -53,8 +53,8 @@ class OwnedTempFile {
   // Gives the file `owner` (fchown(2), fchmod(2)); false when the file was
   // not made or either call failed (errno tells which).
   bool Prepare(const FileOwner& owner);
-  // Writes all of `data`: true, or false with errno; a failure is kept for
-  // Commit, which then renames nothing.
+  // Writes all of `data` (after a successful Prepare): true, or false with
+  // errno; a failure is kept for Commit, which then renames nothing.
   bool Write(const std::string& data);
   // Puts the file in place of the target: 0, or -1 with errno, as
   // CommitTempFile. The file cannot be written afterwards.

@@ -93,7 +93,6 @@ bool OwnedTempFile::Prepare(const FileOwner& owner) {
 }
 
 bool OwnedTempFile::Write(const std::string& data) {
-  if (fd_ < 0) return false;
   if (::velmora::internal::WriteAll(fd_, data.data(), data.size())) return true;
   if (write_errno_ == 0) write_errno_ = errno;
   return false;
