@@ -116,8 +116,8 @@ void TempFile::WriteLine(const std::string& line) {
   std::string text;
   text.reserve(line.size() + 1);
   text.append(line).push_back('\n');
-  if (!::velmora::internal::WriteAll(fd_, text.data(), text.size()) && write_errno_ == 0)
-    write_errno_ = errno;
+  if (::velmora::internal::WriteAll(fd_, text.data(), text.size())) return;
+  if (write_errno_ == 0) write_errno_ = errno;
 }
 
 int TempFile::Chown(unsigned int uid, unsigned int gid) {

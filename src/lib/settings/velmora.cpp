@@ -141,9 +141,8 @@ enum class ReadResult { kNotOpened, kReadFailed, kWhole };
 ReadResult ReadFileText(const std::string& path, std::string* text) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return ReadResult::kNotOpened;
-  const bool whole = internal::ReadAll(fd, text);
-  close(fd);
-  return whole ? ReadResult::kWhole : ReadResult::kReadFailed;
+  ScopeGuard close_fd([fd] { close(fd); });
+  return internal::ReadAll(fd, text) ? ReadResult::kWhole : ReadResult::kReadFailed;
 }
 
 // The line of `text` that starts at `*pos`, without its "\n"; `*pos` moves to
