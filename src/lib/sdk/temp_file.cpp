@@ -40,9 +40,7 @@ bool OwnerOf(const std::string& path, FileOwner* owner) {
 }
 
 int CreateTempFile(const std::string& prefix, std::string* path) {
-  path->clear();
-  if (prefix.empty()) return -1;
-  *path = AvailableTempFilePath(prefix + kNameSuffix);
+  *path = prefix.empty() ? std::string() : AvailableTempFilePath(prefix + kNameSuffix);
   if (path->empty()) return -1;
   // Made here or not at all: a name that appeared since it was chosen
   // belongs to someone else and is neither truncated nor removed later.
