@@ -178,22 +178,10 @@ int OLIBCFileSetKeys(const char* path, const OLIBC_SZHASH* table, int flags, int
   if (path == nullptr || table == nullptr || flags != 0 || mode != 0) return -1;
   int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   if (fd < 0) return -1;
-  // Lines are gathered into one buffer and written in large pieces: a
-  // settings file of many keys costs a handful of system calls.
-  static constexpr size_t kChunk = size_t{64} * 1024;
   bool ok = true;
   try {
-    std::string buf;
-    buf.reserve(kChunk + 256);
-    for (const auto& entry : table->entries) {
-      buf.append(entry.first).append(1, '=').append(entry.second).append(1, '\n');
-      if (buf.size() >= kChunk) {
-        ok = velmora::internal::WriteAll(fd, buf.data(), buf.size());
-        if (!ok) break;
-        buf.clear();
-      }
-    }
-    if (ok) ok = velmora::internal::WriteAll(fd, buf.data(), buf.size());
+    const std::string text = velmora::internal::KeyFileText(table);
+    ok = velmora::internal::WriteAll(fd, text.data(), text.size());
   } catch (...) {
     ok = false;
   }
@@ -300,3 +288,12 @@ int OLIBCProcForkChildNoWait(void) {
 }
 
 }  // extern "C"
+
+std::string velmora::internal::KeyFileText(const OLIBC_SZHASH* table) {
+  std::string text;
+  if (table == nullptr) return text;
+  for (const auto& entry : table->entries) {
+    text.append(entry.first).append(1, '=').append(entry.second).append(1, '\n');
+  }
+  return text;
+}

@@ -1,4 +1,3 @@
-#include <cstddef>
 #include <string>
 
 #include <velmora/file.h>
@@ -12,22 +11,11 @@ namespace sdk {
 namespace {
 constexpr char kLogModule[] = "src/lib/sdk/file_key_value";
 
-// One "key=value\n" line per pair, in table order.
-std::string KeyValueLines(const OLIBC_SZHASH* table) {
-  std::string text;
-  const char* key = nullptr;
-  const char* value = nullptr;
-  for (size_t i = 0; OLIBCSzHashGetAt(table, i, &key, &value) == 0; ++i) {
-    text.append(key).append(1, '=').append(value).append(1, '\n');
-  }
-  return text;
-}
-
 // Writes the table's lines into `temp`; false when a write or an allocation
 // failed.
 bool WriteTable(internal::OwnedTempFile& temp, const OLIBC_SZHASH* table) {
   try {
-    return temp.Write(KeyValueLines(table));
+    return temp.Write(::velmora::internal::KeyFileText(table));
   } catch (...) {
     return false;
   }
