@@ -2,6 +2,7 @@
 // library. See orvo_platform.h for the contract of each operation.
 #include "platform/orvo_platform.h"
 #include "lib/child_exit.h"
+#include "lib/posix_io.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -46,18 +47,6 @@ int SetValue(OLIBC_SZHASH* table, std::string_view key, std::string_view value) 
   return 0;
 }
 
-// Writes all of `data`; false on a write error.
-bool WriteAll(int fd, const char* data, size_t size) {
-  while (size > 0) {
-    ssize_t put = write(fd, data, size);
-    if (put < 0 && errno == EINTR) continue;
-    if (put < 0) return false;
-    data += put;
-    size -= static_cast<size_t>(put);
-  }
-  return true;
-}
-
 struct FileCloser {
   void operator()(FILE* f) const {
     // NOLINTNEXTLINE(cert-err33-c): streams read only, nothing to lose
@@ -82,25 +71,16 @@ ORVOUSER* NewUser(const struct passwd* pw) {
   return user;
 }
 
-// Runs getpwnam_r or getpwuid_r with a buffer that grows until the entry fits.
-template <typename Lookup>
-int LookUpUser(Lookup lookup, ORVOUSER** user) {
+// The record of the passwd entry of `key` (a name or a uid) in *user.
+template <typename Key>
+int LookUpUser(Key key, ORVOUSER** user) {
   if (user == nullptr) return -1;
   *user = nullptr;
-  long hint = sysconf(_SC_GETPW_R_SIZE_MAX);
-  std::vector<char> buf(hint > 0 ? static_cast<size_t>(hint) : 1024);
-  for (;;) {
-    struct passwd pw;
-    struct passwd* found = nullptr;
-    int rc = lookup(&pw, buf.data(), buf.size(), &found);
-    if (rc == ERANGE && buf.size() < (1u << 20)) {
-      buf.resize(buf.size() * 2);
-      continue;
-    }
-    if (rc != 0 || found == nullptr) return -1;
-    *user = NewUser(found);
-    return *user != nullptr ? 0 : -1;
-  }
+  const bool found = velmora::internal::WithPasswdEntryOf(key, [user](const struct passwd& pw) {
+    *user = NewUser(&pw);
+    return *user != nullptr;
+  });
+  return found ? 0 : -1;
 }
 
 }  // namespace
@@ -198,22 +178,10 @@ int OLIBCFileSetKeys(const char* path, const OLIBC_SZHASH* table, int flags, int
   if (path == nullptr || table == nullptr || flags != 0 || mode != 0) return -1;
   int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   if (fd < 0) return -1;
-  // Lines are gathered into one buffer and written in large pieces: a
-  // settings file of many keys costs a handful of system calls.
-  static constexpr size_t kChunk = size_t{64} * 1024;
   bool ok = true;
   try {
-    std::string buf;
-    buf.reserve(kChunk + 256);
-    for (const auto& entry : table->entries) {
-      buf.append(entry.first).append(1, '=').append(entry.second).append(1, '\n');
-      if (buf.size() >= kChunk) {
-        ok = WriteAll(fd, buf.data(), buf.size());
-        if (!ok) break;
-        buf.clear();
-      }
-    }
-    if (ok) ok = WriteAll(fd, buf.data(), buf.size());
+    const std::string text = velmora::internal::KeyFileText(table);
+    ok = velmora::internal::WriteAll(fd, text.data(), text.size());
   } catch (...) {
     ok = false;
   }
@@ -235,17 +203,11 @@ int OLIBCFileTouch(const char* path) {
 
 int ORVOUserGet(const char* name, ORVOUSER** user) {
   if (name == nullptr) return -1;
-  return LookUpUser([name](struct passwd* pw, char* buf, size_t len,
-                           struct passwd** found) { return getpwnam_r(name, pw, buf, len, found); },
-                    user);
+  return LookUpUser(name, user);
 }
 
 int ORVOUserGetByUID(uint32_t uid, ORVOUSER** user) {
-  return LookUpUser(
-      [uid](struct passwd* pw, char* buf, size_t len, struct passwd** found) {
-        return getpwuid_r(static_cast<uid_t>(uid), pw, buf, len, found);
-      },
-      user);
+  return LookUpUser(static_cast<uid_t>(uid), user);
 }
 
 void ORVOUserFree(ORVOUSER* user) {
@@ -287,11 +249,7 @@ int OLIBCExecl(const char* path, int flags, ...) {
   pid_t pid;
   if (posix_spawn(&pid, path, nullptr, nullptr, argv.data(), environ) != 0) return -1;
   int status = 0;
-  pid_t got;
-  do {
-    got = waitpid(pid, &status, 0);
-  } while (got < 0 && errno == EINTR);
-  if (got != pid) return -1;
+  if (velmora::internal::WaitForChild(pid, &status) != pid) return -1;
   if (WIFEXITED(status)) return WEXITSTATUS(status);
   return -2;
 }
@@ -315,22 +273,27 @@ int OLIBCProcForkChildNoWait(void) {
       close(fds[1]);
       return 0;
     }
-    ssize_t ignored = write(fds[1], &child, sizeof(child));
-    (void)ignored;
+    // Unchecked: a parent that gets no pid reports the failure itself.
+    (void)velmora::internal::WriteAll(fds[1], &child, sizeof(child));
     velmora::ChildExit(child < 0 ? 1 : 0);
   }
   close(fds[1]);
   pid_t child = -1;
-  ssize_t got;
-  do {
-    got = read(fds[0], &child, sizeof(child));
-  } while (got < 0 && errno == EINTR);
+  const ssize_t got = velmora::internal::ReadSome(fds[0], &child, sizeof(child));
   close(fds[0]);
   int status = 0;
-  while (waitpid(middle, &status, 0) < 0 && errno == EINTR) {
-  }
+  velmora::internal::WaitForChild(middle, &status);
   if (got != static_cast<ssize_t>(sizeof(child)) || child <= 0) return -1;
   return static_cast<int>(child);
 }
 
 }  // extern "C"
+
+std::string velmora::internal::KeyFileText(const OLIBC_SZHASH* table) {
+  std::string text;
+  if (table == nullptr) return text;
+  for (const auto& entry : table->entries) {
+    text.append(entry.first).append(1, '=').append(entry.second).append(1, '\n');
+  }
+  return text;
+}

@@ -83,6 +83,16 @@ int OLIBCProcForkChildNoWait(void);
 
 #ifdef __cplusplus
 }
+
+#include <string>
+
+namespace velmora {
+namespace internal {
+/* The text OLIBCFileSetKeys writes: one "key=value\n" line per pair, in table
+ * order, every byte of each key and value kept (a NUL too). Empty for NULL. */
+std::string KeyFileText(const OLIBC_SZHASH* table);
+}  // namespace internal
+}  // namespace velmora
 #endif
 
 #endif /* VELMORA_PLATFORM_ORVO_PLATFORM_H_ */

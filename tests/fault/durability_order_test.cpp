@@ -254,6 +254,19 @@ testing::AssertionResult AtomicReplace(const std::vector<Op>& ops, const std::st
   if (created == ops.size()) {
     return testing::AssertionFailure() << "the temporary file was never created\n" << trace;
   }
+  // Made exclusively, and written only through the descriptor that made it:
+  // never opened again by name.
+  if (!HasFlag(ops[created].flags, "O_EXCL")) {
+    return testing::AssertionFailure() << "#" << created << " creates without O_EXCL\n" << trace;
+  }
+  for (size_t k = created + 1; k < rename; ++k) {
+    if (ops[k].path != temp) continue;
+    if (ops[k].kind == Op::kOpen || (ops[k].kind == Op::kWrite && ops[k].fd != ops[created].fd)) {
+      return testing::AssertionFailure()
+             << "#" << k << " reaches the temporary file through another descriptor\n"
+             << trace;
+    }
+  }
   if (last_write == ops.size()) {
     return testing::AssertionFailure() << "nothing written to the temporary file\n" << trace;
   }

@@ -14,6 +14,7 @@
 #include <velmora/socket.h>
 
 #include "lib/log.h"
+#include "lib/posix_io.h"
 
 namespace velmora {
 namespace config {
@@ -31,15 +32,7 @@ bool ReadAndClose(int fd, std::string& data) {
   if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0) {
     data.reserve(static_cast<size_t>(st.st_size));
   }
-  char buf[64 * 1024];
-  bool ok = true;
-  for (;;) {
-    ssize_t got = read(fd, buf, sizeof(buf));
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) ok = false;
-    if (got <= 0) break;
-    data.append(buf, static_cast<size_t>(got));
-  }
+  const bool ok = velmora::internal::ReadAll(fd, &data);
   close(fd);
   return ok;
 }

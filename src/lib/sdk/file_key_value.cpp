@@ -1,16 +1,26 @@
-#include <sys/stat.h>
-
 #include <string>
 
 #include <velmora/file.h>
 
 #include "lib/log.h"
+#include "lib/sdk/owned_temp_file.h"
 #include "platform/orvo_platform.h"
 
 namespace velmora {
 namespace sdk {
 namespace {
 constexpr char kLogModule[] = "src/lib/sdk/file_key_value";
+
+// Writes the table's lines into `temp`; false when a write or an allocation
+// failed.
+bool WriteTable(internal::OwnedTempFile& temp, const OLIBC_SZHASH* table) {
+  try {
+    return temp.Write(::velmora::internal::KeyFileText(table));
+  } catch (...) {
+    return false;
+  }
+}
+
 }  // namespace
 
 FileKeyValue::~FileKeyValue() {
@@ -54,29 +64,25 @@ bool FileKeyValue::Update(const std::string& key, const std::string& value) {
 }
 
 bool FileKeyValue::Write() {
-  struct stat st;
-  if (stat(path_.c_str(), &st) != 0) {
+  internal::FileOwner owner;
+  if (!internal::OwnerOf(path_, &owner)) {
     VELMORA_LOG("Stat file error");
     return false;
   }
   // The temporary file lies beside the target, so the rename stays on one
   // file system; it is removed on every path that does not move it.
-  TempFile temp(path_);
-  if (!temp.valid_) {
-    VELMORA_LOG("initialize temp file failed");
-    return false;
-  }
-  if (temp.Chown(st.st_uid, st.st_gid) != 0 || temp.Chmod(st.st_mode) != 0) {
+  internal::OwnedTempFile temp(path_);
+  if (!temp.Prepare(owner)) {
     VELMORA_LOG("initialize temp file failed");
     return false;
   }
   // Without a table the target becomes an empty file of the same owner and
   // mode.
-  if (table_ != nullptr && OLIBCFileSetKeys(temp.path().c_str(), table_, 0, 0) < 0) {
+  if (table_ != nullptr && !WriteTable(temp, table_)) {
     VELMORA_LOG("initialize temp file failed");
     return false;
   }
-  if (temp.MoveTo(path_) != 0) {
+  if (temp.Commit() != 0) {
     VELMORA_LOG("Move temp file to %s fail", path_.c_str());
     return false;
   }

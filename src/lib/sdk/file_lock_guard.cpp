@@ -7,6 +7,7 @@
 #include <velmora/file.h>
 
 #include "lib/log.h"
+#include "lib/posix_io.h"
 
 namespace velmora {
 namespace sdk {
@@ -33,21 +34,24 @@ bool ExclusiveFileLockGuard::LockRetry() {
 
 bool ExclusiveFileLockGuard::Guardian(const std::string& user) {
   if (fd_ < 0) return false;
-  // A guard is used by one thread at a time; pw is read before any other
-  // passwd lookup.
-  struct passwd* pw = getpwnam(user.c_str());  // NOLINT(concurrency-mt-unsafe)
-  if (pw == nullptr) {
+  uid_t account_uid = 0;
+  gid_t account_gid = 0;
+  if (!::velmora::internal::WithPasswdEntryOf(user.c_str(), [&](const struct passwd& pw) {
+        account_uid = pw.pw_uid;
+        account_gid = pw.pw_gid;
+        return true;
+      })) {
     VELMORA_LOG("Get user %s pwd fail", user.c_str());
     return false;
   }
   uid_t owner = geteuid();
   if (owner == 0) {
-    owner = pw->pw_uid;
-  } else if (owner != pw->pw_uid) {
+    owner = account_uid;
+  } else if (owner != account_uid) {
     VELMORA_LOG("Wrong user privilege");
     return false;
   }
-  if (chown(path_.c_str(), owner, pw->pw_gid) != 0) {
+  if (chown(path_.c_str(), owner, account_gid) != 0) {
     VELMORA_LOG("Turn owner to %s fail", user.c_str());
     return false;
   }

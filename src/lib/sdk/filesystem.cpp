@@ -14,6 +14,7 @@
 #include <velmora/file.h>
 
 #include "lib/log.h"
+#include "lib/posix_io.h"
 #include "platform/orvo_platform.h"
 
 namespace fs = boost::filesystem;
@@ -33,6 +34,14 @@ constexpr int kTempPathTries = 1000;
     text_ << (what) << (subject) << " " << (ec).message(); \
     VELMORA_LOG("%s", text_.str().c_str());                \
   } while (0)
+
+// Logs "<what><subject> <error text>" when `ec` holds an error; true when it
+// did.
+bool LoggedFailure(const char* what, const std::string& subject, const error_code& ec) {
+  if (!ec) return false;
+  LOG_FS_ERROR(what, subject, ec);
+  return true;
+}
 
 error_code ErrnoCode(int err) { return error_code(err, boost::system::system_category()); }
 
@@ -72,23 +81,11 @@ void CopyBytes(const std::string& from, const std::string& to, error_code& ec) {
   }
   char buf[64 * 1024];
   for (;;) {
-    ssize_t got = read(in, buf, sizeof(buf));
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) {
-      ec = ErrnoCode(errno);
+    const ssize_t got = ::velmora::internal::ReadSome(in, buf, sizeof(buf));
+    if (got <= 0 || !::velmora::internal::WriteAll(out, buf, static_cast<size_t>(got))) {
+      if (got != 0) ec = ErrnoCode(errno);
       break;
     }
-    if (got == 0) break;
-    for (ssize_t done = 0; done < got;) {
-      ssize_t put = write(out, buf + done, static_cast<size_t>(got - done));
-      if (put < 0 && errno == EINTR) continue;
-      if (put < 0) {
-        ec = ErrnoCode(errno);
-        break;
-      }
-      done += put;
-    }
-    if (ec) break;
   }
   // The data reaches the disk before the copy counts as made, as with
   // Boost's own copy.
@@ -181,41 +178,25 @@ std::string FileParentFolder(const std::string& path) {
 std::string RealPath(const std::string& path) {
   error_code ec;
   fs::path real = fs::canonical(path, ec);
-  if (ec) {
-    LOG_FS_ERROR("Can't resolve real path: ", path, ec);
-    return std::string();
-  }
-  return real.string();
+  return LoggedFailure("Can't resolve real path: ", path, ec) ? std::string() : real.string();
 }
 
 int MkDir(const std::string& path) {
   error_code ec;
   fs::create_directories(path, ec);
-  if (ec) {
-    LOG_FS_ERROR("MkDir failed: ", path, ec);
-    return -1;
-  }
-  return 0;
+  return LoggedFailure("MkDir failed: ", path, ec) ? -1 : 0;
 }
 
 uint64_t FileSize(const std::string& path) {
   error_code ec;
   uintmax_t size = fs::file_size(path, ec);
-  if (ec) {
-    LOG_FS_ERROR("Get FileSize failed: ", path, ec);
-    return UINT64_MAX;
-  }
-  return static_cast<uint64_t>(size);
+  return LoggedFailure("Get FileSize failed: ", path, ec) ? UINT64_MAX : static_cast<uint64_t>(size);
 }
 
 int RemoveAll(const std::string& path) {
   error_code ec;
   fs::remove_all(path, ec);
-  if (ec) {
-    LOG_FS_ERROR("RemoveAll failed: ", path, ec);
-    return -1;
-  }
-  return 0;
+  return LoggedFailure("RemoveAll failed: ", path, ec) ? -1 : 0;
 }
 
 namespace {
@@ -268,21 +249,13 @@ std::vector<std::string> EnumDirectory(const std::string& path) {
 int Copy(const std::string& from, const std::string& to) {
   error_code ec;
   GeneralCopy(from, to, ec);
-  if (ec) {
-    LOG_FS_ERROR("Failed to Copy: ", from + " -> " + to, ec);
-    return -1;
-  }
-  return 0;
+  return LoggedFailure("Failed to Copy: ", from + " -> " + to, ec) ? -1 : 0;
 }
 
 int CopyFile(const std::string& from, const std::string& to) {
   error_code ec;
   CopyRegularFile(from, to, ec);
-  if (ec) {
-    LOG_FS_ERROR("Failed to CopyFile: ", from + " -> " + to, ec);
-    return -1;
-  }
-  return 0;
+  return LoggedFailure("Failed to CopyFile: ", from + " -> " + to, ec) ? -1 : 0;
 }
 
 int Rename(const std::string& from, const std::string& to) {

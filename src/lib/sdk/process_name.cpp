@@ -2,12 +2,14 @@
 #include <libgen.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include <velmora/common.h>
+
+#include "lib/posix_io.h"
 
 namespace velmora {
 namespace sdk {
@@ -18,20 +20,11 @@ std::string GetProcessName() {
 
   // The command line is read up to its first space, not its first NUL: a
   // process that rewrote its title ("master -w") is named by the first word.
+  // What was read before a failed read counts.
   std::string text;
-  char buf[512];
-  for (;;) {
-    ssize_t n = read(fd, buf, sizeof(buf));
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    const char* space = static_cast<const char*>(memchr(buf, ' ', static_cast<size_t>(n)));
-    if (space != nullptr) {
-      text.append(buf, static_cast<size_t>(space - buf));
-      break;
-    }
-    text.append(buf, static_cast<size_t>(n));
-  }
+  ::velmora::internal::ReadAll(fd, &text);
   close(fd);
+  text.resize(std::min(text.find(' '), text.size()));
 
   // Base name of the text as a C string (up to its first NUL), POSIX rules.
   std::vector<char> cstr(text.c_str(), text.c_str() + strlen(text.c_str()) + 1);

@@ -2,6 +2,16 @@
 // switch, its list of started users, the users' fetchmail control files and
 // the per-user fetchmail daemons, each started or stopped in a forked child
 // under the user's identity.
+//
+// Map of this file:
+// - client switches: GetVelmoraConfig, SetVelmoraConfig, GetCustomLogoVersion
+//   (the key=value file quillbox.conf);
+// - POP3 files: GetPOP3Config and SetPOP3Config (the global switch file),
+//   GetPOP3UidSet, TrackStart and TrackStop (the list of started users),
+//   ModifyFetchmailrc (a user's fetchmail control file);
+// - daemon control: Start and Stop (in the child, as the user),
+//   DownPrivilegeFork (the child and the wait for it), and the locked entry
+//   points ForceStart, ForceStop, UidListStart, UidListStop, SetThenRestart.
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -15,9 +25,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <istream>
 #include <set>
-#include <streambuf>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -27,6 +36,8 @@
 
 #include "lib/child_exit.h"
 #include "lib/log.h"
+#include "lib/posix_io.h"
+#include "lib/sdk/owned_temp_file.h"
 #include "platform/orvo_platform.h"
 
 namespace velmora {
@@ -35,33 +46,38 @@ namespace {
 
 constexpr char kLogModule[] = "src/lib/settings/velmora";
 
-constexpr char kSettingsDir[] = "/var/packages/Velmora-Server/etc/velmora/";
-constexpr char kClientConfPath[] = "/var/packages/Velmora-Server/etc/velmora/quillbox.conf";
-constexpr char kCustomLogoPath[] = "/var/packages/Velmora-Server/etc/velmora/custom_logo.png";
+// The programs run, and the flags handed to OLIBCExecl with them (their
+// meaning belongs to the platform).
+constexpr int kExeclFlags = 187;
 constexpr char kBackendTool[] = "/var/packages/Velmora-Server/target/bin/orvo_mailserver_backend";
 constexpr char kFetchmail[] = "/var/packages/Quillbox/target/bin/fetchmail";
+
+// The client switch file, read into a table of this size, and the logo.
+constexpr char kSettingsDir[] = "/var/packages/Velmora-Server/etc/velmora/";
+constexpr char kClientConfPath[] = "/var/packages/Velmora-Server/etc/velmora/quillbox.conf";
+constexpr int kKeyTableSize = 1024;
+constexpr char kCustomLogoPath[] = "/var/packages/Velmora-Server/etc/velmora/custom_logo.png";
+
+// The package account, and the mode of the files handed to it.
+constexpr char kPackageAccount[] = "Velmora-Server";
+constexpr mode_t kPackageFileMode = 0644;
+
+// The users' mail and the instance locks, with the further attempts, one
+// second apart, to take an entry point's lock.
 constexpr char kSpoolDir[] = "/var/spool/mail/";
 constexpr char kLockDir[] = "/var/lock/velmora_server/";
-constexpr char kPackageAccount[] = "Velmora-Server";
+constexpr unsigned long kLockRetries = 60;
 
+// A user's fetchmail files, below UserFetchMailPath, and the line of the
+// control file that sets the poll interval.
 constexpr char kControlFileName[] = "quillbox_pop3_fetch";
 constexpr char kPidFileName[] = "quillbox_fetchmail.pid";
 constexpr char kIdFileName[] = "quillbox_fetchmail.id";
 constexpr char kSetDaemon[] = "set daemon";
 
-// Flags handed to OLIBCExecl; their meaning belongs to the platform.
-constexpr int kExeclFlags = 187;
-// Further attempts, one second apart, to take an entry point's lock.
-constexpr unsigned long kLockRetries = 60;
-constexpr int kKeyTableSize = 1024;
-constexpr mode_t kPackageFileMode = 0644;
 // Minutes between polls when the switch file does not say.
 constexpr uint32_t kDefaultPeriod = 5;
 constexpr uint32_t kSecondsPerMinute = 60;
-// Size of each read of a control file, and the size from which its new
-// lines are handed to the temporary file.
-constexpr size_t kReadBuffer = size_t{16} * 1024;
-constexpr size_t kWriteChunk = size_t{16} * 1024;
 
 std::string FormatUnsigned(uint32_t value) {
   char text[16];
@@ -70,38 +86,21 @@ std::string FormatUnsigned(uint32_t value) {
   return text;
 }
 
-// Runs a passwd lookup (a getpwnam_r or getpwuid_r call wrapped in
-// `lookup`) with a buffer that grows until the entry fits, and hands the
-// entry found to `use`. False when there is no entry, the lookup fails, or
-// `use` returns false.
-template <typename Lookup, typename Use>
-bool WithPasswdEntry(Lookup lookup, Use use) {
-  long hint = sysconf(_SC_GETPW_R_SIZE_MAX);
-  std::vector<char> buf(hint > 0 ? static_cast<size_t>(hint) : 1024);
-  for (;;) {
-    struct passwd pw;
-    struct passwd* found = nullptr;
-    int rc = lookup(&pw, buf.data(), buf.size(), &found);
-    if (rc == ERANGE && buf.size() < (1u << 20)) {
-      buf.resize(buf.size() * 2);
-      continue;
-    }
-    if (rc != 0 || found == nullptr) return false;
-    return use(*found);
-  }
-}
-
 // Looks up the package's system account; false when it does not exist.
 bool LookUpPackageAccount(uid_t* uid, gid_t* gid) {
-  return WithPasswdEntry(
-      [](struct passwd* pw, char* buf, size_t size, struct passwd** found) {
-        return getpwnam_r(kPackageAccount, pw, buf, size, found);
-      },
-      [uid, gid](const struct passwd& pw) {
-        *uid = pw.pw_uid;
-        *gid = pw.pw_gid;
-        return true;
-      });
+  return internal::WithPasswdEntryOf(kPackageAccount, [uid, gid](const struct passwd& pw) {
+    *uid = pw.pw_uid;
+    *gid = pw.pw_gid;
+    return true;
+  });
+}
+
+// Hands a temporary file just made to the package account with the package's
+// file mode, before anything is written to it. False when the file was not
+// made, the account does not exist or the hand-over fails.
+bool PrepareForPackage(sdk::internal::OwnedTempFile& temp) {
+  sdk::internal::FileOwner owner{0, 0, kPackageFileMode};
+  return temp.valid() && LookUpPackageAccount(&owner.uid, &owner.gid) && temp.Prepare(owner);
 }
 
 // Gives the programs that this process runs from now on the HOME, USER and
@@ -113,16 +112,12 @@ bool LookUpPackageAccount(uid_t* uid, gid_t* gid) {
 // user's identity.
 // NOLINTBEGIN(concurrency-mt-unsafe): the forked child has a single thread.
 void TakeUserEnvironment(uid_t uid) {
-  const bool set = WithPasswdEntry(
-      [uid](struct passwd* pw, char* buf, size_t size, struct passwd** found) {
-        return getpwuid_r(uid, pw, buf, size, found);
-      },
-      [](const struct passwd& pw) {
-        const char* home = pw.pw_dir != nullptr ? pw.pw_dir : "";
-        const char* name = pw.pw_name != nullptr ? pw.pw_name : "";
-        return setenv("HOME", home, 1) == 0 && setenv("USER", name, 1) == 0 &&
-               setenv("LOGNAME", name, 1) == 0;
-      });
+  const bool set = internal::WithPasswdEntryOf(uid, [](const struct passwd& pw) {
+    const char* home = pw.pw_dir != nullptr ? pw.pw_dir : "";
+    const char* name = pw.pw_name != nullptr ? pw.pw_name : "";
+    return setenv("HOME", home, 1) == 0 && setenv("USER", name, 1) == 0 &&
+           setenv("LOGNAME", name, 1) == 0;
+  });
   if (!set) {
     unsetenv("HOME");
     unsetenv("USER");
@@ -138,39 +133,42 @@ bool Propagate(const std::string& path) {
                     static_cast<char*>(nullptr)) >= 0;
 }
 
-// Reads one line without its "\n" into `line`; false at the end of the file
-// (or on a read error) when nothing was read.
-bool ReadLine(FILE* file, char** buf, size_t* cap, std::string* line) {
-  ssize_t len = getline(buf, cap, file);
-  if (len < 0) return false;
-  size_t size = static_cast<size_t>(len);
-  if (size > 0 && (*buf)[size - 1] == '\n') --size;
-  line->assign(*buf, size);
-  return true;
+// How far ReadFileText got.
+enum class ReadResult { kNotOpened, kReadFailed, kWhole };
+
+// Appends the bytes of the file at `path` to `text`. After a failed read
+// `text` holds what came before it.
+ReadResult ReadFileText(const std::string& path, std::string* text) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return ReadResult::kNotOpened;
+  ScopeGuard close_fd([fd] { close(fd); });
+  return internal::ReadAll(fd, text) ? ReadResult::kWhole : ReadResult::kReadFailed;
 }
 
-// An input stream buffer over a descriptor that the caller owns.
-class DescriptorReadBuffer : public std::streambuf {
- public:
-  // cppcheck-suppress uninitMemberVar ; read() fills buffer_ before any use
-  explicit DescriptorReadBuffer(int fd) : fd_(fd) {}
+// The line of `text` that starts at `*pos`, without its "\n"; `*pos` moves to
+// the start of the next line. Lines are cut at "\n" only: a "\r" or a NUL
+// stays in the line.
+std::string NextLine(const std::string& text, size_t* pos) {
+  const size_t newline = text.find('\n', *pos);
+  const size_t end = newline == std::string::npos ? text.size() : newline;
+  std::string line = text.substr(*pos, end - *pos);
+  *pos = newline == std::string::npos ? text.size() : newline + 1;
+  return line;
+}
 
- protected:
-  int_type underflow() override {
-    if (gptr() < egptr()) return traits_type::to_int_type(*gptr());
-    ssize_t got;
-    do {
-      got = read(fd_, buffer_, sizeof(buffer_));
-    } while (got < 0 && errno == EINTR);
-    if (got <= 0) return traits_type::eof();
-    setg(buffer_, buffer_, buffer_ + got);
-    return traits_type::to_int_type(*gptr());
+// A fetchmail control file with every line that starts with "set daemon"
+// replaced by `daemon_line`. Every line, the last one too, ends in "\n".
+std::string WithDaemonLine(const std::string& text, const std::string& daemon_line) {
+  const size_t prefix_size = sizeof(kSetDaemon) - 1;
+  std::string out;
+  out.reserve(text.size() + daemon_line.size() + 1);
+  for (size_t pos = 0; pos < text.size();) {
+    const std::string line = NextLine(text, &pos);
+    const bool is_daemon = line.compare(0, prefix_size, kSetDaemon) == 0;
+    out.append(is_daemon ? daemon_line : line).push_back('\n');
   }
-
- private:
-  int fd_;
-  char buffer_[64 * 1024];
-};
+  return out;
+}
 
 // Takes an entry point's lock: held, and the lock file handed to the
 // package account.
@@ -282,21 +280,17 @@ Pop3Control::Pop3Control(const std::string& name)
 record::GlobalPOP3Config Pop3Control::GetPOP3Config() const {
   record::GlobalPOP3Config config{false, kDefaultPeriod};
   if (!sdk::Exist(pop3_config_path)) return config;
-  FILE* file = std::fopen(pop3_config_path.c_str(), "re");
-  if (file == nullptr) {
+  // The switch, then the period in minutes; a file that cannot be read to
+  // its end gives what came before the failure.
+  std::string text;
+  if (ReadFileText(pop3_config_path, &text) == ReadResult::kNotOpened) {
     VELMORA_LOG("fail open Global pop3.config file");
     config.period = 0;
     return config;
   }
-  char* buf = nullptr;
-  size_t cap = 0;
-  ScopeGuard release([file, &buf] {
-    std::free(buf);
-    std::fclose(file);  // NOLINT(cert-err33-c): read-only stream, nothing to lose
-  });
-  std::string enabled;
-  std::string period;
-  if (ReadLine(file, &buf, &cap, &enabled)) ReadLine(file, &buf, &cap, &period);
+  size_t pos = 0;
+  const std::string enabled = NextLine(text, &pos);
+  const std::string period = NextLine(text, &pos);
   config.enabled = enabled == "true";
   if (!period.empty()) {
     config.period = static_cast<uint32_t>(std::strtoul(period.c_str(), nullptr, 10));
@@ -305,39 +299,32 @@ record::GlobalPOP3Config Pop3Control::GetPOP3Config() const {
 }
 
 bool Pop3Control::SetPOP3Config(const record::GlobalPOP3Config& config) const {
-  sdk::TempFile temp(pop3_config_path);
-  uid_t account_uid;
-  gid_t account_gid;
-  if (!temp.valid_ || !LookUpPackageAccount(&account_uid, &account_gid) ||
-      temp.Chown(account_uid, account_gid) < 0 || temp.Chmod(kPackageFileMode) < 0) {
+  sdk::internal::OwnedTempFile temp(pop3_config_path);
+  if (!PrepareForPackage(temp)) {
     VELMORA_LOG("initialize temp file failed");
     return false;
   }
-  temp.WriteLine(config.enabled ? "true" : "false");
-  temp.WriteLine(FormatUnsigned(config.period));
-  if (temp.MoveTo(pop3_config_path) < 0) return false;
+  temp.Write(std::string(config.enabled ? "true" : "false") + "\n" + FormatUnsigned(config.period) +
+             "\n");
+  if (temp.Commit() < 0) return false;
   return Propagate(pop3_config_path);
 }
 
 std::set<uint32_t> Pop3Control::GetPOP3UidSet() const {
   std::set<uint32_t> uids;
   if (!sdk::Exist(uid_list_path)) return uids;
-  int fd = open(uid_list_path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
+  // A list that cannot be read to its end gives the uids before the failure.
+  std::string text;
+  if (ReadFileText(uid_list_path, &text) == ReadResult::kNotOpened) {
     VELMORA_LOG("fail open Global pop3_uid.config file");
     return uids;
   }
-  ScopeGuard close_fd([fd] { close(fd); });
   // Formatted extraction: white space between numbers, and the read ends at
   // the first token that is not an unsigned number fitting 32 bits.
-  DescriptorReadBuffer buffer(fd);
-  std::istream in(&buffer);
+  std::istringstream in(text);
   std::vector<uint32_t> read;
-  struct stat st;
   // About one uid per six bytes ("61001\n"), within reason.
-  if (fstat(fd, &st) == 0 && st.st_size > 0) {
-    read.reserve(static_cast<size_t>(std::min<off_t>(st.st_size / 6 + 16, off_t{1} << 20)));
-  }
+  read.reserve(std::min<size_t>(text.size() / 6 + 16, size_t{1} << 20));
   uint32_t uid;
   while (in >> uid) read.push_back(uid);
   // A set built from a sorted range costs one step per element, against a
@@ -358,79 +345,25 @@ bool Pop3Control::ModifyFetchmailrc(uint32_t uid, uint32_t interval) const {
   const std::string path = UserFetchMailPath(uid) + kControlFileName;
   // A user without a control file has nothing to change.
   if (!sdk::Exist(path)) return true;
-  struct stat st;
-  if (stat(path.c_str(), &st) != 0) {
+  sdk::internal::FileOwner owner;
+  if (!sdk::internal::OwnerOf(path, &owner)) {
     VELMORA_LOG("Stat file error");
     return false;
   }
-  sdk::TempFile temp(path);
-  if (!temp.valid_ || temp.Chown(st.st_uid, st.st_gid) < 0 || temp.Chmod(st.st_mode & 07777) < 0) {
+  sdk::internal::OwnedTempFile temp(path);
+  if (!temp.Prepare(owner)) {
     VELMORA_LOG("initialize temp file failed");
     return false;
   }
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
+  // A file opened but not readable to its end (a directory, an I/O error) is
+  // not replaced by what was read of it.
+  std::string text;
+  if (ReadFileText(path, &text) != ReadResult::kWhole) {
     VELMORA_LOG("fail open quillbox pop3 fetch file");
     return false;
   }
-  ScopeGuard close_fd([fd] { close(fd); });
-  const std::string daemon_line = std::string(kSetDaemon) + " " + FormatUnsigned(interval);
-  const size_t prefix_size = sizeof(kSetDaemon) - 1;
-  // Lines are cut at "\n" only (a "\r" or a NUL stays as it was), joined
-  // with "\n" and handed over in chunks of a fixed size; WriteLine adds the
-  // newline after the last line of each chunk, so every line, the last one
-  // too, ends in "\n" in the new file. Buffers stay small whatever the size
-  // of the file.
-  std::string chunk;
-  chunk.reserve(kWriteChunk + daemon_line.size() + 1);
-  bool pending = false;
-  auto put_line = [&](const char* begin, size_t size) {
-    if (pending) chunk.push_back('\n');
-    if (size >= prefix_size && std::memcmp(begin, kSetDaemon, prefix_size) == 0) {
-      chunk.append(daemon_line);
-    } else {
-      chunk.append(begin, size);
-    }
-    pending = true;
-    if (chunk.size() >= kWriteChunk) {
-      temp.WriteLine(chunk);
-      chunk.clear();
-      pending = false;
-    }
-  };
-  std::string partial;  // the start of a line that continues in the next read
-  char buffer[kReadBuffer];
-  for (;;) {
-    ssize_t got = read(fd, buffer, sizeof(buffer));
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) {
-      // Opened but not readable to its end (a directory, an I/O error): the
-      // file is not replaced by what was read of it.
-      VELMORA_LOG("fail open quillbox pop3 fetch file");
-      return false;
-    }
-    if (got == 0) break;
-    const char* pos = buffer;
-    const char* end = buffer + got;
-    while (pos < end) {
-      const char* newline = static_cast<const char*>(std::memchr(pos, '\n', end - pos));
-      if (newline == nullptr) {
-        partial.append(pos, end - pos);
-        break;
-      }
-      if (partial.empty()) {
-        put_line(pos, newline - pos);
-      } else {
-        partial.append(pos, newline - pos);
-        put_line(partial.data(), partial.size());
-        partial.clear();
-      }
-      pos = newline + 1;
-    }
-  }
-  if (!partial.empty()) put_line(partial.data(), partial.size());
-  if (pending) temp.WriteLine(chunk);
-  return temp.MoveTo(path) >= 0;
+  temp.Write(WithDaemonLine(text, std::string(kSetDaemon) + " " + FormatUnsigned(interval)));
+  return temp.Commit() >= 0;
 }
 
 // ---- POP3 fetch daemon control ----
@@ -512,11 +445,7 @@ bool Pop3Control::DownPrivilegeFork(uint32_t uid, Action action, uint32_t interv
     ChildExit(0);
   }
   int status = 0;
-  pid_t reaped;
-  do {
-    reaped = waitpid(pid, &status, 0);
-  } while (reaped < 0 && errno == EINTR);
-  if (reaped == -1) {
+  if (internal::WaitForChild(pid, &status) == -1) {
     VELMORA_LOG("Wait child fail");
     return false;
   }
@@ -560,18 +489,7 @@ bool Pop3Control::TrackStart(const std::vector<uint32_t>& uids, std::set<uint32_
     }
     if (!tracked.insert(uid).second) continue;
     const std::string line = FormatUnsigned(uid) + "\n";
-    const char* data = line.data();
-    size_t left = line.size();
-    while (left > 0) {
-      ssize_t put = write(fd, data, left);
-      if (put < 0 && errno == EINTR) continue;
-      if (put <= 0) {
-        ok = false;
-        break;
-      }
-      data += put;
-      left -= static_cast<size_t>(put);
-    }
+    if (!internal::WriteAll(fd, line.data(), line.size())) ok = false;
     appended = true;
   }
   const int fd_to_close = fd;
@@ -582,11 +500,8 @@ bool Pop3Control::TrackStart(const std::vector<uint32_t>& uids, std::set<uint32_
 }
 
 bool Pop3Control::TrackStop(const std::vector<uint32_t>& uids, std::set<uint32_t>& tracked) const {
-  sdk::TempFile temp(uid_list_path);
-  uid_t account_uid;
-  gid_t account_gid;
-  if (!temp.valid_ || !LookUpPackageAccount(&account_uid, &account_gid) ||
-      temp.Chown(account_uid, account_gid) < 0 || temp.Chmod(kPackageFileMode) < 0) {
+  sdk::internal::OwnedTempFile temp(uid_list_path);
+  if (!PrepareForPackage(temp)) {
     VELMORA_LOG("initialize temp file failed");
     return false;
   }
@@ -598,15 +513,10 @@ bool Pop3Control::TrackStop(const std::vector<uint32_t>& uids, std::set<uint32_t
     }
   }
   // One "%u" line per uid, ascending, handed over in one piece.
-  if (!tracked.empty()) {
-    std::string text;
-    for (uint32_t uid : tracked) {
-      if (!text.empty()) text.push_back('\n');
-      text.append(FormatUnsigned(uid));
-    }
-    temp.WriteLine(text);
-  }
-  if (temp.MoveTo(uid_list_path) < 0) return false;
+  std::string text;
+  for (uint32_t uid : tracked) text.append(FormatUnsigned(uid)).push_back('\n');
+  temp.Write(text);
+  if (temp.Commit() < 0) return false;
   return Propagate(uid_list_path);
 }
 
