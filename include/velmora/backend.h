@@ -14,9 +14,9 @@
 // the check is dropped without being closed (its socket and memory stay with
 // the process until it ends), and a new connection is opened in its place.
 // Only the connection at the front of the pool is tried per borrow. Both are
-// deliberate, kept as the suite's existing callers know them: do not free it. The PING
-// round trip runs while the pool's mutex is held, so concurrent borrowers
-// queue behind it.
+// deliberate, kept as the suite's existing callers know them: do not make the
+// drop close the connection. The PING round trip runs while the pool's mutex
+// is held, so concurrent borrowers queue behind it.
 //
 // Failures are results: a null reply or false. RedisClient logs nothing;
 // QuotaRedisClient logs failed reads to syslog at local1.err.

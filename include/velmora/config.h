@@ -7,9 +7,8 @@
 // test-and-set of a static pointer (deliberate: every lookup goes through it,
 // and callers build it before their threads start, so no call pays for a
 // lock; two racing first calls would leak one instance). Call it once before
-// starting threads;
-// after that every lookup only reads fixed maps and may run on any number of
-// threads at once. The instance is never freed, so it stays valid in a
+// starting threads; after that every lookup only reads fixed maps and may run
+// on any number of threads at once. The instance is never freed, so it stays valid in a
 // forked child. No operation here logs or reports an error.
 #ifndef VELMORA_CONFIG_H_
 #define VELMORA_CONFIG_H_
