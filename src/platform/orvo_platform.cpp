@@ -292,6 +292,11 @@ int OLIBCProcForkChildNoWait(void) {
 std::string velmora::internal::KeyFileText(const OLIBC_SZHASH* table) {
   std::string text;
   if (table == nullptr) return text;
+  // Sized first: one allocation instead of a string that doubles as it
+  // fills (a large table's text is past malloc's mmap threshold).
+  size_t size = 0;
+  for (const auto& entry : table->entries) size += entry.first.size() + entry.second.size() + 2;
+  text.reserve(size);
   for (const auto& entry : table->entries) {
     text.append(entry.first).append(1, '=').append(entry.second).append(1, '\n');
   }

@@ -142,6 +142,13 @@ ReadResult ReadFileText(const std::string& path, std::string* text) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return ReadResult::kNotOpened;
   ScopeGuard close_fd([fd] { close(fd); });
+  // One allocation of the file's size (and room for a final newline or a
+  // longer "set daemon" line) instead of a string that doubles as it fills.
+  constexpr size_t kSlack = 64;
+  struct stat st;
+  if (fstat(fd, &st) == 0 && st.st_size > 0) {
+    text->reserve(text->size() + static_cast<size_t>(st.st_size) + kSlack);
+  }
   return internal::ReadAll(fd, text) ? ReadResult::kWhole : ReadResult::kReadFailed;
 }
 
@@ -156,18 +163,24 @@ std::string NextLine(const std::string& text, size_t* pos) {
   return line;
 }
 
-// A fetchmail control file with every line that starts with "set daemon"
-// replaced by `daemon_line`. Every line, the last one too, ends in "\n".
-std::string WithDaemonLine(const std::string& text, const std::string& daemon_line) {
+// Replaces, in place, every line of the fetchmail control file `text` that
+// starts with "set daemon" by `daemon_line`, and ends the last line with
+// "\n" if it has none. In place, so that a rewrite holds one copy of the
+// file: the control files are rewritten at every daemon start.
+void ReplaceDaemonLines(std::string* text, const std::string& daemon_line) {
   const size_t prefix_size = sizeof(kSetDaemon) - 1;
-  std::string out;
-  out.reserve(text.size() + daemon_line.size() + 1);
-  for (size_t pos = 0; pos < text.size();) {
-    const std::string line = NextLine(text, &pos);
-    const bool is_daemon = line.compare(0, prefix_size, kSetDaemon) == 0;
-    out.append(is_daemon ? daemon_line : line).push_back('\n');
+  for (size_t pos = 0; pos < text->size();) {
+    size_t newline = text->find('\n', pos);
+    if (newline == std::string::npos) {
+      text->push_back('\n');
+      newline = text->size() - 1;
+    }
+    if (newline - pos >= prefix_size && text->compare(pos, prefix_size, kSetDaemon) == 0) {
+      text->replace(pos, newline - pos, daemon_line);
+      newline = pos + daemon_line.size();
+    }
+    pos = newline + 1;
   }
-  return out;
 }
 
 // Takes an entry point's lock: held, and the lock file handed to the
@@ -362,7 +375,8 @@ bool Pop3Control::ModifyFetchmailrc(uint32_t uid, uint32_t interval) const {
     VELMORA_LOG("fail open quillbox pop3 fetch file");
     return false;
   }
-  temp.Write(WithDaemonLine(text, std::string(kSetDaemon) + " " + FormatUnsigned(interval)));
+  ReplaceDaemonLines(&text, std::string(kSetDaemon) + " " + FormatUnsigned(interval));
+  temp.Write(text);
   return temp.Commit() >= 0;
 }
 
