@@ -423,6 +423,15 @@ TEST_F(Pop3ConfigTest, ModifyWithoutSetDaemonLineStillRewritesTheFile) {
   EXPECT_EQ(ReadFile(kUser1Rc), "");
 }
 
+TEST_F(Pop3ConfigTest, ModifyKeepsLinesShorterThanSetDaemon) {
+  // Lines that are only the start of "set daemon", the last one without its
+  // newline, stay as they were.
+  Pop3Control control("vt");
+  WriteControlFile("set\nset dae\nset daemo");
+  EXPECT_TRUE(control.ModifyFetchmailrc(kUser1, 600));
+  EXPECT_EQ(ReadFile(kUser1Rc), "set\nset dae\nset daemo\n");
+}
+
 TEST_F(Pop3ConfigTest, ModifyEndsALastLineWithoutNewline) {
   Pop3Control control("vt");
   WriteControlFile("poll a\nset daemon 5");
