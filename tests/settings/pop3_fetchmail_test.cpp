@@ -19,6 +19,8 @@
 #include <cstring>
 #include <functional>
 #include <map>
+#include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -108,10 +110,29 @@ bool OnlyTheServerIsAChild(pid_t server) {
   return children == std::to_string(server) + " ";
 }
 
-// Pid of each running fetchmail by real uid.
+// Parent pid of a process, from the field after its state in
+// /proc/PID/stat; 0 when the process is gone.
+pid_t ParentOf(pid_t pid) {
+  const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+  const size_t close_paren = stat.rfind(')');
+  if (close_paren == std::string::npos) return 0;
+  std::istringstream fields(stat.substr(close_paren + 1));
+  char state = 0;
+  pid_t parent = 0;
+  fields >> state >> parent;
+  return parent;
+}
+
+// Pid of each running fetchmail daemon by real uid. A daemon that delivers a
+// message forks a copy of itself that runs the delivery command; that copy
+// still carries fetchmail's name until it has exec'd, and is not a daemon.
 std::map<uid_t, std::vector<pid_t>> FetchmailsByUser() {
+  const auto processes = ProcessesNamed("fetchmail");
+  std::set<pid_t> pids;
+  for (const auto& process : processes) pids.insert(process.first);
   std::map<uid_t, std::vector<pid_t>> by_user;
-  for (const auto& process : ProcessesNamed("fetchmail")) {
+  for (const auto& process : processes) {
+    if (pids.count(ParentOf(process.first)) != 0) continue;
     by_user[process.second].push_back(process.first);
   }
   return by_user;
