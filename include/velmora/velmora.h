@@ -1,7 +1,8 @@
-// libvelmora: the shared support library of the Velmora mail-server suite.
-// Including this header declares every public name of the library. Each
-// family's header says whether its objects may be shared between threads or
-// carried across fork().
+/// @file
+/// libvelmora: the shared support library of the Velmora mail-server suite.
+/// Including this header declares every public name of the library. Each
+/// family's header says whether its objects may be shared between threads or
+/// carried across fork().
 #ifndef VELMORA_VELMORA_H_
 #define VELMORA_VELMORA_H_
 
