@@ -28,6 +28,9 @@ constexpr int kSentinelPorts[] = {26471, 26472, 26473};
 constexpr int kDownAfterMs = 1000;
 constexpr int kFailoverTimeoutMs = 5000;
 constexpr int kClientTimeoutMs = 500;
+// Bounds of the failover test, from what it measures here (see there).
+constexpr int kElectionBoundMs = 4000;
+constexpr int kClientLagBoundMs = 2500;
 
 std::string RoleMaster() { return Array({Bulk("master"), Int(0), Array({})}); }
 std::string RoleReplica() {
@@ -561,9 +564,19 @@ TEST_F(SentinelWorldTest, AfterTheMasterIsKilledWritesReachThePromotedReplica) {
 
   const auto killed = Clock::now();
   master_->Kill();
+  // Beside the client's tries, a side connection watches for the moment the
+  // replica is promoted (the sentinels drop it then: it reconnects).
+  long long promoted_ms = -1;
   long long first_success_ms = -1;
   int failures = 0;
   while (ElapsedMs(killed) < 30000) {
+    if (promoted_ms < 0) {
+      if (Role(replica_raw_) == "master") {
+        promoted_ms = ElapsedMs(killed);
+      } else if (replica_raw_.Command({"PING"}) == nullptr) {
+        replica_raw_.Connect(kReplicaPort);
+      }
+    }
     if (client.Set("after", "1")) {
       first_success_ms = ElapsedMs(killed);
       break;
@@ -571,14 +584,21 @@ TEST_F(SentinelWorldTest, AfterTheMasterIsKilledWritesReachThePromotedReplica) {
     ++failures;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  std::printf("failover: first success %lld ms after the kill, %d failed tries before\n",
-              first_success_ms, failures);
+  std::printf(
+      "failover: replica promoted %lld ms, first success %lld ms after the kill, %d failed "
+      "tries\n",
+      promoted_ms, first_success_ms, failures);
   ASSERT_GE(first_success_ms, 0);
-  // The sentinels need down-after to see the master down, then about a
-  // second to agree, elect a leader and promote (measured here at 1.2-3.5 s
-  // after down-after); the client adds at most one round of questions.
-  EXPECT_GE(first_success_ms, kDownAfterMs);
-  EXPECT_LT(first_success_ms, kDownAfterMs + 6000);
+  ASSERT_GE(promoted_ms, 0);
+  // The sentinels need down-after to see the master down, then agree, elect
+  // a leader and promote the replica: measured here at 0.36-0.39 s after
+  // down-after; allowed 4 s.
+  EXPECT_GE(promoted_ms, kDownAfterMs);
+  EXPECT_LT(promoted_ms, kDownAfterMs + kElectionBoundMs);
+  // The client then needs the sentinels to name the new master (the leader
+  // switches on its next look at the replica, within about a second) and
+  // one round of questions: measured here at 0.79-0.91 s; allowed 2.5 s.
+  EXPECT_LT(first_success_ms - promoted_ms, kClientLagBoundMs);
   EXPECT_GT(failures, 0);
 
   Map values;
