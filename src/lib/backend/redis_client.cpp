@@ -154,7 +154,7 @@ void ForgetMaster(SentinelState& state) {
 // A connection to `master` that ROLE confirms as the master, or null (any
 // connection opened is closed again).
 redisContext* ConnectToMaster(const RedisAddress& master, int timeout_ms) {
-  if (master.port <= 0) return nullptr;
+  if (master.port <= 0) return nullptr;  // The sentinels named nobody.
   redisContext* ctx = Connect(master, timeout_ms);
   if (ctx == nullptr) return nullptr;
   redisReply* reply = Ask(ctx, {"ROLE"});
@@ -168,16 +168,16 @@ redisContext* ConnectToMaster(const RedisAddress& master, int timeout_ms) {
   return nullptr;
 }
 
-// A new connection to the master: `master` first (just asked for when
-// `asked`), then once more to whatever the sentinels name now. Null, with
-// the address forgotten, when neither answers ROLE as the master.
-redisContext* ConnectToSentinelMaster(SentinelState& state, RedisAddress master, bool asked,
+// A new connection to the master: `master` first, then once more to
+// whatever the sentinels name now. Null, with the address forgotten, when
+// neither answers ROLE as the master. When `master` is unknown the
+// sentinels were just asked and named nobody: asking again at once would
+// only double the wait.
+redisContext* ConnectToSentinelMaster(SentinelState& state, const RedisAddress& master,
                                       int timeout_ms) {
-  redisContext* ctx = ConnectToMaster(master, timeout_ms);
-  if (ctx != nullptr) return ctx;
-  // When the sentinels were just asked and named nobody, asking again at
-  // once would only double the wait.
-  if (!asked || master.port > 0) {
+  if (master.port > 0) {
+    redisContext* ctx = ConnectToMaster(master, timeout_ms);
+    if (ctx != nullptr) return ctx;
     ctx = ConnectToMaster(FindMaster(state, timeout_ms), timeout_ms);
     if (ctx != nullptr) return ctx;
   }
@@ -222,8 +222,7 @@ redisContext* RedisClient::AcquireContext() {
     std::shared_ptr<SentinelState> state = FindSentinelState(this);
     if (state != nullptr) {
       RedisAddress master = KnownMaster(*state);
-      const bool asked = master.port <= 0;
-      if (asked) master = FindMaster(*state, timeout_);
+      if (master.port <= 0) master = FindMaster(*state, timeout_);
       if (master.port > 0) {
         std::lock_guard<std::mutex> lock(pool_mutex_);
         if (!pool_.empty()) {
@@ -239,7 +238,7 @@ redisContext* RedisClient::AcquireContext() {
           // address (deliberate, see the header).
         }
       }
-      return ConnectToSentinelMaster(*state, master, asked, timeout_);
+      return ConnectToSentinelMaster(*state, master, timeout_);
     }
   }
   {
