@@ -141,7 +141,7 @@ TEST(SentinelLookupTest, AnEmptySentinelListFindsNoMaster) {
 TEST(SentinelLookupTest, ASentinelThatNeverAnswersIsBoundedByTheTimeout) {
   FakeRedis master(ServerWithRole(RoleMaster()));
   FakeRedis silent([](const Request& r, int) -> std::optional<Answer> {
-    if (Upper(r[0]) == "SENTINEL") return Answer{Naming(1), false, 3000};
+    if (Upper(r[0]) == "SENTINEL") return Answer{Naming(1), false, 1000};
     return std::nullopt;
   });
   FakeRedis sentinel(SentinelAnswering(Naming(master.port())));
