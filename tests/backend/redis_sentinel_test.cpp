@@ -236,6 +236,38 @@ TEST(SentinelRoleTest, AKnownMasterThatRefusesIsAskedForAgain) {
   EXPECT_EQ(Count(sentinel.Requests(), "SENTINEL"), 2);
 }
 
+TEST(SentinelRoleTest, AKnownMasterThatRefusesWhenTheSentinelsNameNobodyFails) {
+  auto master = std::make_unique<FakeRedis>(ServerWithRole(RoleMaster()));
+  ASSERT_TRUE(master->ok());
+  const int master_port = master->port();
+  FakeRedis sentinel([&](const Request& r, int nth) -> std::optional<Answer> {
+    if (Upper(r[0]) != "SENTINEL") return std::nullopt;
+    return Answer{nth == 0 ? Naming(master_port) : Nil()};
+  });
+  ASSERT_TRUE(sentinel.ok());
+  RedisClient client({At(sentinel.port())}, kMasterName, kClientTimeoutMs);
+  EXPECT_TRUE(client.Set("k", "v"));
+  master.reset();
+  EXPECT_FALSE(client.Set("k", "v"));  // The pooled one fails its PING.
+  EXPECT_EQ(Count(sentinel.Requests(), "SENTINEL"), 2);
+  // Forgotten: the next call asks again.
+  EXPECT_FALSE(client.Set("k", "v"));
+  EXPECT_EQ(Count(sentinel.Requests(), "SENTINEL"), 3);
+}
+
+TEST(SentinelRoleTest, AServerThatDropsTheConnectionOnRoleIsNotUsed) {
+  FakeRedis server([](const Request& r, int) -> std::optional<Answer> {
+    if (Upper(r[0]) == "ROLE") return Answer{"", true};
+    return std::nullopt;
+  });
+  FakeRedis sentinel(SentinelAnswering(Naming(server.port())));
+  ASSERT_TRUE(server.ok() && sentinel.ok());
+  RedisClient client({At(sentinel.port())}, kMasterName, kClientTimeoutMs);
+  EXPECT_EQ(client.AcquireContext(), nullptr);
+  EXPECT_EQ(server.Accepted(), 2);
+  EXPECT_EQ(Count(server.Requests(), "ROLE"), 2);
+}
+
 TEST(SentinelRoleTest, AReadonlyErrorIsReturnedAndSendsTheNextConnectionToTheSentinels) {
   FakeRedis demoted([](const Request& r, int) -> std::optional<Answer> {
     const std::string word = Upper(r[0]);

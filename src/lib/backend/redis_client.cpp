@@ -96,8 +96,8 @@ redisContext* Connect(const RedisAddress& address, int timeout_ms) {
     redisFree(ctx);
     return nullptr;
   }
-  const int flags = fcntl(ctx->fd, F_GETFD);
-  if (flags >= 0) fcntl(ctx->fd, F_SETFD, flags | FD_CLOEXEC);
+  // FD_CLOEXEC is the only descriptor flag: set it outright.
+  fcntl(ctx->fd, F_SETFD, FD_CLOEXEC);
   return ctx;
 }
 
