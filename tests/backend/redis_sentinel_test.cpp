@@ -341,6 +341,17 @@ TEST(SentinelPoolTest, AConnectionIsReusedAfterAPing) {
   EXPECT_EQ(Count(sentinel.Requests(), "SENTINEL"), 1);
 }
 
+TEST(SentinelPoolTest, ConnectionsToTheMasterAreCloseOnExec) {
+  FakeRedis master(ServerWithRole(RoleMaster()));
+  FakeRedis sentinel(SentinelAnswering(Naming(master.port())));
+  ASSERT_TRUE(master.ok() && sentinel.ok());
+  RedisClient client({At(sentinel.port())}, kMasterName, kClientTimeoutMs);
+  redisContext* ctx = client.AcquireContext();
+  ASSERT_NE(ctx, nullptr);
+  EXPECT_EQ(fcntl(ctx->fd, F_GETFD), FD_CLOEXEC);
+  client.ReleaseContext(ctx, false);
+}
+
 TEST(SentinelPoolTest, AConnectionThatFailsItsPingIsReplaced) {
   FakeRedis master([](const Request& r, int nth) -> std::optional<Answer> {
     const std::string word = Upper(r[0]);
