@@ -9,9 +9,14 @@
 // The twins follow the library's pattern: a PING before every command sent
 // on a connection that was already used, then the command.
 //
+// BM_SentinelSet is the exception: its twin BM_Raw_SentinelSet is the
+// library's fixed-address client, so that the pair's ratio is the cost of
+// the sentinel-aware client over the fixed one, both once connected.
+//
 // The program starts its own redis-server (no persistence) on 127.0.0.1:8506
-// and so runs only inside scripts/hermetic-run, whose private network
-// namespace owns that port. Pin it with `taskset -c 0`: the server inherits
+// and one redis-sentinel watching it on 127.0.0.1:26479, and so runs only
+// inside scripts/hermetic-run, whose private network namespace owns those
+// ports. Pin it with `taskset -c 0`: the server inherits
 // the affinity, so client and server share one CPU, which makes round trips
 // steady enough to compare.
 #include <strings.h>
@@ -21,6 +26,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -38,6 +44,9 @@ constexpr char kHost[] = "127.0.0.1";
 constexpr int kPort = 8506;
 constexpr int kTimeoutMs = 2000;
 constexpr char kServer[] = "/usr/bin/redis-server";
+constexpr char kSentinel[] = "/usr/bin/redis-sentinel";
+constexpr int kSentinelPort = 26479;
+constexpr char kMasterName[] = "mailstore";
 constexpr int kMGetKeys = 100;
 constexpr int kPatternKeys = 10000;
 
@@ -173,6 +182,50 @@ void BM_Raw_Set(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_Raw_Set)->UseRealTime()->Threads(1)->Threads(2)->Threads(8);
+
+// ---- SET through the sentinels' master vs the fixed address ------------------
+
+// Fills the pool with one connection per thread before the timed loop, so
+// that neither side times its first connections (nor the sentinel question).
+bool Connected(velmora::backend::RedisClient* client, int threads) {
+  std::vector<redisContext*> held;
+  for (int i = 0; i < threads; ++i) held.push_back(client->AcquireContext());
+  bool ok = true;
+  for (redisContext* ctx : held) {
+    ok = ok && ctx != nullptr;
+    client->ReleaseContext(ctx, ctx != nullptr);
+  }
+  return ok;
+}
+
+void RunSet(benchmark::State& state, bool sentinel) {
+  if (state.thread_index() == 0) {
+    g_client = sentinel ? new velmora::backend::RedisClient(
+                              {velmora::backend::RedisAddress{kHost, kSentinelPort}}, kMasterName,
+                              kTimeoutMs)
+                        : new velmora::backend::RedisClient(kHost, kPort, kTimeoutMs);
+    if (!Connected(g_client, state.threads())) state.SkipWithError("connect failed");
+  }
+  const std::string key = "set:" + std::to_string(state.thread_index());
+  for (auto _ : state) {
+    if (!g_client->Set(key, "value-0123456789")) {
+      state.SkipWithError("Set failed");
+      break;
+    }
+  }
+  state.SetItemsProcessed(state.iterations());
+  if (state.thread_index() == 0) {
+    delete g_client;
+    g_client = nullptr;
+  }
+}
+
+void BM_SentinelSet(benchmark::State& state) { RunSet(state, true); }
+BENCHMARK(BM_SentinelSet)->UseRealTime()->Threads(1)->Threads(2)->Threads(8);
+
+// The twin: the fixed-address client of the same master.
+void BM_Raw_SentinelSet(benchmark::State& state) { RunSet(state, false); }
+BENCHMARK(BM_Raw_SentinelSet)->UseRealTime()->Threads(1)->Threads(2)->Threads(8);
 
 // ---- MGET of 100 keys --------------------------------------------------------
 
@@ -347,6 +400,20 @@ int main(int argc, char** argv) {
   g_server = &server;
   if (!server.Start()) {
     std::fprintf(stderr, "%s: could not start %s\n", argv[0], kServer);
+    return 1;
+  }
+  // One sentinel watching the server, for BM_SentinelSet.
+  const std::string sentinel_conf = "/tmp/velmora-bench-sentinel.conf";
+  {
+    std::ofstream conf(sentinel_conf);
+    conf << "port " << kSentinelPort << "\nbind " << kHost << "\ndaemonize no\ndir /tmp\n"
+         << "sentinel monitor " << kMasterName << " " << kHost << " " << kPort << " 1\n";
+  }
+  velmora::test::ServerProcess sentinel({kSentinel, sentinel_conf}, [] {
+    return velmora::test::CanConnectTcp(kHost, kSentinelPort);
+  });
+  if (!sentinel.Start()) {
+    std::fprintf(stderr, "%s: could not start %s\n", argv[0], kSentinel);
     return 1;
   }
   benchmark::AddCustomContext("redis-server", kServer);

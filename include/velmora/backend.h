@@ -19,6 +19,25 @@
 /// drop close the connection. The PING round trip runs while the pool's mutex
 /// is held, so concurrent borrowers queue behind it.
 ///
+/// Sentinel-watched masters: a RedisClient built from a list of Redis
+/// Sentinel addresses and a master name finds the master by asking the
+/// sentinels, in the order given, `SENTINEL get-master-addr-by-name <name>`
+/// on a short-lived connection of its own (connect and command time-out both
+/// the client's time-out); the first two-element answer wins, and anything
+/// else (refused, timed out, nil, an error, another shape) moves on to the
+/// next sentinel. The address found is kept. Every new connection goes to it
+/// and is used only when `ROLE` answers "master"; otherwise it is closed, the
+/// sentinels are asked once more and the address they give is tried once
+/// before the borrow fails. A command that got no reply, or an error reply
+/// beginning with "READONLY" (a demoted master), makes the client forget the
+/// address, so the next new connection asks the sentinels again: after a
+/// failover the next operation reaches the new master. The connection that
+/// answered READONLY is closed, not pooled; its reply still goes to the
+/// caller. A pooled connection whose peer is not the address currently known
+/// is closed and replaced instead of being reused. The PING before reuse and
+/// its deliberate drop are the same as for a fixed address. The pool mutex
+/// is never held while a sentinel is asked.
+///
 /// Failures are results: a null reply or false. RedisClient logs nothing;
 /// QuotaRedisClient logs failed reads to syslog at local1.err.
 #ifndef VELMORA_BACKEND_H_
@@ -38,7 +57,14 @@ namespace velmora {
 /// Clients of the suite's Redis servers.
 namespace backend {
 
-/// Pooled client of one Redis server; see the file comment for the pool.
+/// Address of one Redis server or sentinel: numeric address or name, port.
+struct RedisAddress {
+  std::string host;  ///< Numeric address or name.
+  int port;          ///< TCP port.
+};
+
+/// Pooled client of one Redis server, at a fixed address or the master that
+/// Redis Sentinel names; see the file comment for the pool and the sentinels.
 class VELMORA_EXPORT RedisClient {
  public:
   /// Stores the server's `host` (numeric address or name), TCP `port` and the
@@ -46,6 +72,11 @@ class VELMORA_EXPORT RedisClient {
   /// timeout / 1000 seconds and timeout % 1000 * 1000 microseconds; it bounds
   /// the connect only, not the commands). Opens no connection.
   RedisClient(const std::string& host, int port, int timeout);
+  /// Client of the master `master_name` watched by `sentinels`, asked in
+  /// order; `timeout` in milliseconds bounds every connect, and the commands
+  /// on the sentinel connections too. Opens no connection.
+  RedisClient(const std::vector<RedisAddress>& sentinels, const std::string& master_name,
+              int timeout);
   /// Closes every idle pooled connection. Connections dropped after a failed
   /// PING are not known to it and stay open.
   virtual ~RedisClient();
@@ -57,8 +88,8 @@ class VELMORA_EXPORT RedisClient {
   ///@}
 
   /// Returns a connection for the caller's use only: the front of the pool if
-  /// it answers PING, else a new one. Null when the connect failed (no log).
-  /// Hand it back with ReleaseContext.
+  /// it answers PING, else a new one. Null when the connect failed (no log)
+  /// or, with sentinels, no master was found. Hand it back with ReleaseContext.
   [[nodiscard]] redisContext* AcquireContext();
   /// True when the server answers a "ping" on `ctx` with a PONG status reply
   /// (any case). Sends one round trip; the reply is freed.
@@ -70,7 +101,8 @@ class VELMORA_EXPORT RedisClient {
   /// Runs `cmd` with `args` on a borrowed connection and returns the reply,
   /// which the caller owns and frees with freeReplyObject. Null when no
   /// connection could be had or no reply came (that connection is closed); a
-  /// connection that gave any reply, an error reply included, is pooled again.
+  /// connection that gave any reply, an error reply included, is pooled again
+  /// (with sentinels, except after a READONLY error).
   /// Not binary-safe: every argument ends at its first NUL byte.
   [[nodiscard]] redisReply* ExecuteCmd(const std::string& cmd,
                                        const std::vector<std::string>& args);
@@ -103,6 +135,7 @@ class VELMORA_EXPORT RedisClient {
                           std::unordered_map<std::string, std::string>& values, bool allow_nil);
 
  private:
+  /// Sentinel mode is marked by port_ == kSentinelPort (see redis_client.cpp).
   const std::string host_;
   const int port_;
   const int timeout_;  ///< Milliseconds, for the connect only.

@@ -298,9 +298,9 @@ class RawRedis {
  public:
   ~RawRedis() { Close(); }
 
-  bool Connect() {
+  bool Connect(int port = kPort) {
     Close();
-    ctx_ = redisConnect(kHost, kPort);
+    ctx_ = redisConnect(kHost, port);
     return ctx_ != nullptr && ctx_->err == 0;
   }
   void Close() {

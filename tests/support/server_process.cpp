@@ -69,6 +69,14 @@ void ServerProcess::Stop() {
   pid_ = -1;
 }
 
+void ServerProcess::Kill() {
+  if (pid_ <= 0) return;
+  kill(pid_, SIGKILL);
+  int status;
+  waitpid(pid_, &status, 0);
+  pid_ = -1;
+}
+
 bool CanConnectTcp(const std::string& host, int port) {
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return false;

@@ -28,6 +28,9 @@ class ServerProcess {
   // SIGTERM, then SIGKILL after 5 s; waits for the process. No-op when
   // stopped.
   void Stop();
+  // SIGKILL at once (the server gets no chance to close its connections);
+  // waits for the process. No-op when stopped.
+  void Kill();
   bool running() const { return pid_ > 0; }
   pid_t pid() const { return pid_; }
 

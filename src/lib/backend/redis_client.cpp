@@ -1,8 +1,12 @@
+#include <fcntl.h>
+#include <string.h>
 #include <strings.h>
 #include <sys/time.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
@@ -41,12 +45,171 @@ bool ElementValue(const redisReply* element, bool allow_nil, std::string* value)
   }
 }
 
+// A client built from sentinels has no fixed address and, to keep the
+// object's layout, no member for the sentinels either. It is told apart by
+// its port: kSentinelPort, a value no TCP port can have, so a client built
+// with a fixed address has it only when it could never connect anyway. The
+// fixed-address path compares one const int and takes nothing else. The
+// sentinel list, the master name and the master address last found live in
+// a registry keyed by the client's address, filled by the sentinel
+// constructor and emptied by the destructor; a fixed-address client that
+// was given kSentinelPort finds no entry and keeps its own (failing) path.
+constexpr int kSentinelPort = INT_MIN;
+
+struct SentinelState {
+  std::vector<RedisAddress> sentinels;
+  std::string master_name;
+  std::mutex mutex;
+  RedisAddress master;  ///< Guarded by mutex; known when master.port > 0.
+};
+
+std::mutex& RegistryMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
+std::unordered_map<const RedisClient*, std::shared_ptr<SentinelState>>& Registry() {
+  static auto* registry =
+      new std::unordered_map<const RedisClient*, std::shared_ptr<SentinelState>>();
+  return *registry;
+}
+
+std::shared_ptr<SentinelState> FindSentinelState(const RedisClient* client) {
+  std::lock_guard<std::mutex> lock(RegistryMutex());
+  auto it = Registry().find(client);
+  return it == Registry().end() ? nullptr : it->second;
+}
+
+struct timeval Timeval(int timeout_ms) {
+  struct timeval tv;
+  tv.tv_sec = timeout_ms / 1000;
+  tv.tv_usec = static_cast<suseconds_t>(timeout_ms % 1000) * 1000;
+  return tv;
+}
+
+// A connection to `address`, close-on-exec, or null.
+redisContext* Connect(const RedisAddress& address, int timeout_ms) {
+  redisContext* ctx =
+      redisConnectWithTimeout(address.host.c_str(), address.port, Timeval(timeout_ms));
+  if (ctx == nullptr) return nullptr;
+  if (ctx->err != 0) {
+    redisFree(ctx);
+    return nullptr;
+  }
+  // FD_CLOEXEC is the only descriptor flag: set it outright.
+  fcntl(ctx->fd, F_SETFD, FD_CLOEXEC);
+  return ctx;
+}
+
+// One round trip of `argv` on `ctx`; null when no reply came.
+redisReply* Ask(redisContext* ctx, std::vector<const char*> argv) {
+  common::SigpipeGuard no_sigpipe;
+  redisReply* reply = static_cast<redisReply*>(
+      redisCommandArgv(ctx, static_cast<int>(argv.size()), argv.data(), nullptr));
+  if (reply == nullptr) common::SigpipeGuard::WriteFailed();
+  return reply;
+}
+
+// The master's address from the first sentinel that names one, stored in
+// `state`; cleared there when none does.
+RedisAddress FindMaster(SentinelState& state, int timeout_ms) {
+  RedisAddress found{"", 0};
+  for (const RedisAddress& sentinel : state.sentinels) {
+    redisContext* ctx = Connect(sentinel, timeout_ms);
+    if (ctx == nullptr) continue;
+    // Commands on a sentinel connection are bounded as well: a sentinel that
+    // accepts but never answers must not hold the caller.
+    redisSetTimeout(ctx, Timeval(timeout_ms));
+    redisReply* reply =
+        Ask(ctx, {"SENTINEL", "get-master-addr-by-name", state.master_name.c_str()});
+    redisFree(ctx);
+    ScopeGuard free_reply([reply] { freeReplyObject(reply); });
+    if (reply == nullptr || reply->type != REDIS_REPLY_ARRAY || reply->elements != 2) continue;
+    const redisReply* host = reply->element[0];
+    const redisReply* port = reply->element[1];
+    if (host->type != REDIS_REPLY_STRING || port->type != REDIS_REPLY_STRING) continue;
+    char* end = nullptr;
+    const long number = std::strtol(port->str, &end, 10);
+    if (host->len == 0 || end == port->str || *end != '\0' || number <= 0 || number > 65535) {
+      continue;
+    }
+    found = RedisAddress{std::string(host->str, host->len), static_cast<int>(number)};
+    break;
+  }
+  std::lock_guard<std::mutex> lock(state.mutex);
+  state.master = found;
+  return found;
+}
+
+RedisAddress KnownMaster(SentinelState& state) {
+  std::lock_guard<std::mutex> lock(state.mutex);
+  return state.master;
+}
+
+void ForgetMaster(SentinelState& state) {
+  std::lock_guard<std::mutex> lock(state.mutex);
+  state.master = RedisAddress{"", 0};
+}
+
+// A connection to `master` that ROLE confirms as the master, or null (any
+// connection opened is closed again).
+redisContext* ConnectToMaster(const RedisAddress& master, int timeout_ms) {
+  if (master.port <= 0) return nullptr;  // The sentinels named nobody.
+  redisContext* ctx = Connect(master, timeout_ms);
+  if (ctx == nullptr) return nullptr;
+  redisReply* reply = Ask(ctx, {"ROLE"});
+  ScopeGuard free_reply([reply] { freeReplyObject(reply); });
+  if (reply != nullptr && reply->type == REDIS_REPLY_ARRAY && reply->elements > 0 &&
+      reply->element[0]->type == REDIS_REPLY_STRING &&
+      strcmp(reply->element[0]->str, "master") == 0) {
+    return ctx;
+  }
+  redisFree(ctx);
+  return nullptr;
+}
+
+// A new connection to the master: `master` first, then once more to
+// whatever the sentinels name now. Null, with the address forgotten, when
+// neither answers ROLE as the master. When `master` is unknown the
+// sentinels were just asked and named nobody: asking again at once would
+// only double the wait.
+redisContext* ConnectToSentinelMaster(SentinelState& state, const RedisAddress& master,
+                                      int timeout_ms) {
+  if (master.port > 0) {
+    redisContext* ctx = ConnectToMaster(master, timeout_ms);
+    if (ctx != nullptr) return ctx;
+    ctx = ConnectToMaster(FindMaster(state, timeout_ms), timeout_ms);
+    if (ctx != nullptr) return ctx;
+  }
+  ForgetMaster(state);
+  return nullptr;
+}
+
+bool SamePeer(const redisContext* ctx, const RedisAddress& address) {
+  return ctx->tcp.host != nullptr && ctx->tcp.port == address.port && address.host == ctx->tcp.host;
+}
+
 }  // namespace
 
 RedisClient::RedisClient(const std::string& host, int port, int timeout)
     : host_(host), port_(port), timeout_(timeout) {}
 
+RedisClient::RedisClient(const std::vector<RedisAddress>& sentinels, const std::string& master_name,
+                         int timeout)
+    : host_(), port_(kSentinelPort), timeout_(timeout) {
+  auto state = std::make_shared<SentinelState>();
+  state->sentinels = sentinels;
+  state->master_name = master_name;
+  state->master = RedisAddress{"", 0};
+  std::lock_guard<std::mutex> lock(RegistryMutex());
+  Registry()[this] = std::move(state);
+}
+
 RedisClient::~RedisClient() {
+  if (port_ == kSentinelPort) {
+    std::lock_guard<std::mutex> lock(RegistryMutex());
+    Registry().erase(this);
+  }
   std::lock_guard<std::mutex> lock(pool_mutex_);
   while (!pool_.empty()) {
     redisFree(pool_.front());
@@ -55,6 +218,29 @@ RedisClient::~RedisClient() {
 }
 
 redisContext* RedisClient::AcquireContext() {
+  if (port_ == kSentinelPort) {
+    std::shared_ptr<SentinelState> state = FindSentinelState(this);
+    if (state != nullptr) {
+      RedisAddress master = KnownMaster(*state);
+      if (master.port <= 0) master = FindMaster(*state, timeout_);
+      if (master.port > 0) {
+        std::lock_guard<std::mutex> lock(pool_mutex_);
+        if (!pool_.empty()) {
+          redisContext* ctx = pool_.front();
+          pool_.pop_front();
+          if (!SamePeer(ctx, master)) {
+            // Opened to an earlier master: ours to close, not reused.
+            redisFree(ctx);
+          } else if (IsContextReady(ctx)) {
+            return ctx;
+          }
+          // A failed PING drops the connection unclosed, as for a fixed
+          // address (deliberate, see the header).
+        }
+      }
+      return ConnectToSentinelMaster(*state, master, timeout_);
+    }
+  }
   {
     std::lock_guard<std::mutex> lock(pool_mutex_);
     if (!pool_.empty()) {
@@ -117,7 +303,21 @@ redisReply* RedisClient::ExecuteCmd(const std::string& cmd, const std::vector<st
   if (reply == nullptr) common::SigpipeGuard::WriteFailed();
   // No reply means an I/O or protocol error, after which hiredis's context
   // is unusable: close it. Any reply, an error reply too, leaves it sound.
-  ReleaseContext(ctx, reply != nullptr);
+  bool reuse = reply != nullptr;
+  if (port_ == kSentinelPort) {
+    // With sentinels, a lost connection or a READONLY error (a master that
+    // was demoted) sends the next new connection back to the sentinels.
+    const bool demoted = reply != nullptr && reply->type == REDIS_REPLY_ERROR &&
+                         reply->str != nullptr && strncmp(reply->str, "READONLY", 8) == 0;
+    if (reply == nullptr || demoted) {
+      std::shared_ptr<SentinelState> state = FindSentinelState(this);
+      if (state != nullptr) {
+        ForgetMaster(*state);
+        reuse = false;
+      }
+    }
+  }
+  ReleaseContext(ctx, reuse);
   return reply;
 }
 
