@@ -10,6 +10,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -27,6 +28,7 @@
 
 #include <gtest/gtest.h>
 
+#include <velmora/backend.h>
 #include <velmora/file.h>
 #include <velmora/socket.h>
 
@@ -273,6 +275,30 @@ TEST_F(CloseOnExecTest, LiveTempFileIsNotInherited) {
   ASSERT_EQ(tmp.MoveTo(dir_ / "conf"), 0);
   EXPECT_EQ(test::ReadFile(dir_ / "conf"), "open while the child starts\n");
   EXPECT_TRUE(log.Records().empty());
+}
+
+TEST_F(CloseOnExecTest, RedisConnectionIsNotInherited) {
+  // A loopback listener that never accepts: the kernel completes the
+  // connect, which is all AcquireContext does for a new connection.
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_GE(listener, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof(addr);
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
+  ASSERT_EQ(listen(listener, 4), 0);
+  ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len), 0);
+
+  backend::RedisClient client("127.0.0.1", ntohs(addr.sin_port), 1000);
+  const std::set<int> before = OpenDescriptors();
+  redisContext* ctx = client.AcquireContext();
+  ASSERT_NE(ctx, nullptr);
+  const std::set<int> opened = Minus(OpenDescriptors(), before);
+  EXPECT_EQ(opened, std::set<int>{ctx->fd}) << Show(opened);
+  ExpectNotInherited(opened);
+  client.ReleaseContext(ctx, false);
+  close(listener);
 }
 
 TEST_F(CloseOnExecTest, QuerySocketIsNotInherited) {

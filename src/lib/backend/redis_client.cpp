@@ -87,7 +87,8 @@ struct timeval Timeval(int timeout_ms) {
   return tv;
 }
 
-// A connection to `address`, close-on-exec, or null.
+// A connection to `address`, close-on-exec, or null. hiredis opens its
+// socket without SOCK_CLOEXEC, so the flag is set right after the connect.
 redisContext* Connect(const RedisAddress& address, int timeout_ms) {
   redisContext* ctx =
       redisConnectWithTimeout(address.host.c_str(), address.port, Timeval(timeout_ms));
@@ -254,16 +255,7 @@ redisContext* RedisClient::AcquireContext() {
       // Deliberate, kept as the suite's existing callers know it: no redisFree.
     }
   }
-  struct timeval tv;
-  tv.tv_sec = timeout_ / 1000;
-  tv.tv_usec = static_cast<suseconds_t>(timeout_ % 1000) * 1000;
-  redisContext* ctx = redisConnectWithTimeout(host_.c_str(), port_, tv);
-  if (ctx == nullptr) return nullptr;
-  if (ctx->err != 0) {
-    redisFree(ctx);
-    return nullptr;
-  }
-  return ctx;
+  return Connect(RedisAddress{host_, port_}, timeout_);
 }
 
 bool RedisClient::IsContextReady(redisContext* ctx) {
