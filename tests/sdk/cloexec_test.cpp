@@ -30,6 +30,7 @@
 
 #include <velmora/backend.h>
 #include <velmora/file.h>
+#include <velmora/memcached.h>
 #include <velmora/socket.h>
 
 #include "support/log_capture.h"
@@ -277,20 +278,27 @@ TEST_F(CloseOnExecTest, LiveTempFileIsNotInherited) {
   EXPECT_TRUE(log.Records().empty());
 }
 
-TEST_F(CloseOnExecTest, RedisConnectionIsNotInherited) {
-  // A loopback listener that never accepts: the kernel completes the
-  // connect, which is all AcquireContext does for a new connection.
-  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  ASSERT_GE(listener, 0);
+// A loopback listener that never accepts: the kernel completes a client's
+// connect all the same. Its port, or -1.
+int SilentListener(int* fd) {
+  *fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t len = sizeof(addr);
-  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
-  ASSERT_EQ(listen(listener, 4), 0);
-  ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len), 0);
+  if (*fd < 0 || bind(*fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
+      listen(*fd, 4) != 0 || getsockname(*fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+    return -1;
+  }
+  return ntohs(addr.sin_port);
+}
 
-  backend::RedisClient client("127.0.0.1", ntohs(addr.sin_port), 1000);
+TEST_F(CloseOnExecTest, RedisConnectionIsNotInherited) {
+  int listener = -1;
+  const int port = SilentListener(&listener);
+  ASSERT_GT(port, 0);
+  // A new connection is only a connect: the listener need not answer.
+  backend::RedisClient client("127.0.0.1", port, 1000);
   const std::set<int> before = OpenDescriptors();
   redisContext* ctx = client.AcquireContext();
   ASSERT_NE(ctx, nullptr);
@@ -298,6 +306,28 @@ TEST_F(CloseOnExecTest, RedisConnectionIsNotInherited) {
   EXPECT_EQ(opened, std::set<int>{ctx->fd}) << Show(opened);
   ExpectNotInherited(opened);
   client.ReleaseContext(ctx, false);
+  close(listener);
+}
+
+TEST_F(CloseOnExecTest, MemcachedConnectionIsNotInherited) {
+  int listener = -1;
+  const int port = SilentListener(&listener);
+  ASSERT_GT(port, 0);
+  sdk::Memcached client("127.0.0.1", port);
+  // Without replies a store is only sent: the connection stays open after
+  // the call although the listener never answers.
+  ASSERT_TRUE(client.BehaviorSet(MEMCACHED_BEHAVIOR_NOREPLY, 1));
+  const std::set<int> before = OpenDescriptors();
+  sdk::MemcachedData item;
+  item.key = "k";
+  item.value = "v";
+  item.flags = 0;
+  item.expiration = 0;
+  EXPECT_TRUE(client.Set(item)) << memcached_strerror(nullptr, client.LastResult());
+  const std::set<int> opened = Minus(OpenDescriptors(), before);
+  ASSERT_EQ(opened.size(), 1u) << Show(opened);
+  EXPECT_EQ(FdTarget(*opened.begin()).compare(0, 8, "socket:["), 0);
+  ExpectNotInherited(opened);
   close(listener);
 }
 
