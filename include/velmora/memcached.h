@@ -69,9 +69,10 @@ class VELMORA_EXPORT Memcached {
   ///   coming back moves only its own share of the keys.
   /// - `--REMOVE-FAILED-SERVERS=1`: a server past its failure limit is taken
   ///   out of the distribution (libmemcached's auto-eject); 0 switches it off.
-  /// - `--RETRY-TIMEOUT=2`: seconds a server that failed is skipped (its keys
-  ///   fail at once, MEMCACHED_SERVER_TEMPORARILY_DISABLED) before it is
-  ///   tried again; libmemcached's own default.
+  /// - `--RETRY-TIMEOUT=2`: seconds a server that failed, but is not yet past
+  ///   its failure limit, is skipped (its keys fail at once with
+  ///   MEMCACHED_SERVER_TEMPORARILY_DISABLED) before it is tried again;
+  ///   libmemcached's own default.
   /// - `--CONNECT-TIMEOUT=1000`: milliseconds to wait for a connection
   ///   (libmemcached's default is 4000; -1 waits for ever).
   /// - `--POLL-TIMEOUT=1000`: milliseconds to wait for a server's answer
@@ -86,6 +87,13 @@ class VELMORA_EXPORT Memcached {
   /// - MEMCACHED_BEHAVIOR_DEAD_TIMEOUT = 2: seconds an ejected server stays
   ///   out before libmemcached tries it again; 0 would leave it out for the
   ///   life of the object.
+  ///
+  /// So when a server dies, the calls that meet it first fail (a connection
+  /// failure, then MEMCACHED_SERVER_MARKED_DEAD); from then on its keys are
+  /// looked up on the other servers (missing there) and written to them, with
+  /// no time-out per call. Once the dead time-out has passed, the next call
+  /// that hashes to the server connects again and, when it answers, the
+  /// server takes its share of the keys back.
   explicit Memcached(const MemcachedConfig& config);
   /// Frees the libmemcached handle, closing its connection.
   ~Memcached();
