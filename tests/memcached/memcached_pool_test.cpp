@@ -299,6 +299,22 @@ TEST_F(MemcachedPoolTest, BadValueGivesLibmemcachedText) {
             std::string::npos);
 }
 
+TEST_F(MemcachedPoolTest, MissingConfigurationFileGivesSystemError) {
+  const std::string options = "--CONFIGURE-FILE=\"/run/velmora-test/no-such-pool.conf\"";
+  char expected[1024] = "";
+  ASSERT_EQ(
+      libmemcached_check_configuration(options.data(), options.size(), expected, sizeof(expected)),
+      MEMCACHED_ERRNO);
+  Memcached pool(MemcachedConfig{options});
+  EXPECT_EQ(pool.LastResult(), MEMCACHED_ERRNO);
+  EXPECT_EQ(WithoutHandleAddress(pool.LastErrorMessage()), WithoutHandleAddress(expected));
+  EXPECT_NE(pool.LastErrorMessage().find(
+                "SYSTEM ERROR(No such file or directory), /run/velmora-test/no-such-pool.conf"),
+            std::string::npos)
+      << pool.LastErrorMessage();
+  ExpectNotReady(pool, MEMCACHED_ERRNO);
+}
+
 TEST_F(MemcachedPoolTest, StringWithoutServerIsNotReady) {
   for (const std::string options : {"", "--DISTRIBUTION=consistent --POLL-TIMEOUT=10"}) {
     Memcached pool(MemcachedConfig{options});
