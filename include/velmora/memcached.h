@@ -1,9 +1,11 @@
 /// @file
 /// Memcached client: a thin wrapper over one libmemcached handle bound to one
-/// server, over TCP or a Unix socket.
+/// server, over TCP or a Unix socket, or to a pool of servers described by a
+/// libmemcached configuration string.
 ///
-/// Not thread-safe: an object wraps one libmemcached handle; use one object
-/// per thread (or lock around it). Do not carry an object across fork().
+/// Not thread-safe: an object wraps one libmemcached handle, whichever
+/// constructor made it; use one object per thread (or lock around it). Do not
+/// carry an object across fork().
 /// Operations log nothing; the code of the last libmemcached call is kept in
 /// LastResult() (memcached_strerror turns it into text).
 #ifndef VELMORA_MEMCACHED_H_
@@ -36,7 +38,15 @@ struct VELMORA_EXPORT MemcachedData {
   static time_t default_timeout;
 };
 
-/// Client of one memcached server, over one libmemcached handle.
+/// A libmemcached configuration string, e.g. "--SERVER=10.0.0.1:11211
+/// --SERVER=10.0.0.2:11211"; see libmemcached_configuration(3). Its own type
+/// so that it selects the pool constructor rather than the Unix socket one.
+struct MemcachedConfig {
+  std::string options;  ///< Options in libmemcached's configuration language.
+};
+
+/// Client of one memcached server, or of a pool of them, over one libmemcached
+/// handle.
 class VELMORA_EXPORT Memcached {
  public:
   /// No server: every operation returns false without network traffic.
@@ -46,6 +56,45 @@ class VELMORA_EXPORT Memcached {
   Memcached(const std::string& server, int port);
   /// Binds to the server on the Unix socket `path`.
   explicit Memcached(const std::string& path);
+  /// Binds to the pool that libmemcached builds from `config.options`, parsed
+  /// after the pool defaults below (a later option wins, so the string may
+  /// override the ones the language knows). Keys are spread by libmemcached's
+  /// hashing; a server that fails is left out of the pool and tried again
+  /// later by libmemcached. When the string does not parse, the object is not
+  /// ready, LastResult() holds libmemcached's code and LastErrorMessage() its
+  /// text; when it names no server, LastResult() is MEMCACHED_NO_SERVERS.
+  ///
+  /// Pool defaults, in this order before the caller's options:
+  /// - `--DISTRIBUTION=consistent`: consistent hashing, so a server leaving or
+  ///   coming back moves only its own share of the keys.
+  /// - `--REMOVE-FAILED-SERVERS=1`: a server past its failure limit is taken
+  ///   out of the distribution (libmemcached's auto-eject); 0 switches it off.
+  /// - `--RETRY-TIMEOUT=2`: seconds a server that failed, but is not yet past
+  ///   its failure limit, is skipped (its keys fail at once with
+  ///   MEMCACHED_SERVER_TEMPORARILY_DISABLED) before it is tried again;
+  ///   libmemcached's own default.
+  /// - `--CONNECT-TIMEOUT=1000`: milliseconds to wait for a connection
+  ///   (libmemcached's default is 4000; -1 waits for ever).
+  /// - `--POLL-TIMEOUT=1000`: milliseconds to wait for a server's answer
+  ///   (libmemcached's default is 5000).
+  ///
+  /// Set after parsing, since the configuration language has no option for
+  /// them (change them with BehaviorSet):
+  /// - MEMCACHED_BEHAVIOR_SERVER_FAILURE_LIMIT = 1: failures before a server
+  ///   is ejected. With a higher limit a dead server is only skipped for the
+  ///   retry time-out and never ejected while requests keep coming, so its
+  ///   share of the keys keeps failing.
+  /// - MEMCACHED_BEHAVIOR_DEAD_TIMEOUT = 2: seconds an ejected server stays
+  ///   out before libmemcached tries it again; 0 would leave it out for the
+  ///   life of the object.
+  ///
+  /// So when a server dies, the calls that meet it first fail (a connection
+  /// failure, then MEMCACHED_SERVER_MARKED_DEAD); from then on its keys are
+  /// looked up on the other servers (missing there) and written to them, with
+  /// no time-out per call. Once the dead time-out has passed, the next call
+  /// that hashes to the server connects again and, when it answers, the
+  /// server takes its share of the keys back.
+  explicit Memcached(const MemcachedConfig& config);
   /// Frees the libmemcached handle, closing its connection.
   ~Memcached();
 
@@ -104,6 +153,11 @@ class VELMORA_EXPORT Memcached {
   /// Code of the last libmemcached call that reports one (MEMCACHED_SUCCESS at
   /// first).
   memcached_return_t LastResult() const { return last_result_; }
+  /// libmemcached's text for a configuration string that failed (or "NO
+  /// SERVERS DEFINED" when it named no server); otherwise
+  /// memcached_last_error_message of the handle, which names the server of
+  /// the last failed call ("SUCCESS" after a call that did not fail).
+  std::string LastErrorMessage() const;
 
  private:
   /// A libmemcached store call: memcached_set, _add, _replace, _append or

@@ -220,7 +220,9 @@ TEST_P(VelmoractlCompletion, OffersSubcommandsAndOptionsAtEachLevel) {
             "--enabled --help --json --period --verbose --version ");
   EXPECT_EQ(Complete("velmoractl pop3 vt set --enabled "), "no yes ");
   EXPECT_EQ(Complete("velmoractl user uid vtuser"), "vtuser1 vtuser2 vtuser3 ");
-  EXPECT_EQ(Complete("velmoractl memcached "), "--server --socket delete get set ");
+  EXPECT_EQ(Complete("velmoractl memcached "), "--config --server --socket delete get set ");
+  // The word after --config is its value, not a subcommand.
+  EXPECT_EQ(Complete("velmoractl memcached --config x s"), "set ");
   EXPECT_EQ(Complete("velmoractl services "), "--help --json --key --role --verbose --version ");
   EXPECT_EQ(Complete("velmoractl kv get "), "alpha.txt beta.txt gamma ");
 }

@@ -69,7 +69,7 @@ _velmoractl_reply() {
         case $w in
             --) args+=("--"); ended=1; continue ;;
             --*=*) continue ;;
-            --role|--key|--server|--socket|--enabled|--period|--retries|--timeout|--expire|--flags)
+            --role|--key|--server|--socket|--config|--enabled|--period|--retries|--timeout|--expire|--flags)
                 skip=1; continue ;;
             -*) continue ;;
         esac
@@ -90,7 +90,7 @@ _velmoractl_reply() {
             --enabled) _velmoractl_words "yes no"; return ;;
             --role) _velmoractl_words "$(_velmoractl_list roles)"; return ;;
             --key) _velmoractl_words "$(_velmoractl_list switches)"; return ;;
-            --server|--period|--retries|--timeout|--expire|--flags) return ;;
+            --server|--config|--period|--retries|--timeout|--expire|--flags) return ;;
         esac
         # An unknown --option=VALUE: nothing to offer.
         ((split)) && return
@@ -196,7 +196,7 @@ _velmoractl_reply() {
             fi ;;
         memcached)
             if ((n == 1)); then
-                _velmoractl_words "--server --socket get set delete"
+                _velmoractl_words "--server --socket --config get set delete"
             elif [[ ${args[1]} == set ]]; then
                 [[ $cur == -* ]] && _velmoractl_words "--expire --flags $global"
             fi ;;

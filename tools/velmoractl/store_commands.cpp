@@ -1,5 +1,6 @@
 // quota, memcached: the quota store (Redis at 127.0.0.1:8506) and a
-// memcached server over TCP or a Unix socket.
+// memcached server over TCP or a Unix socket, or a pool of servers given as a
+// libmemcached configuration string.
 #include <unistd.h>
 
 #include <cerrno>
@@ -48,7 +49,8 @@ constexpr char kQuotaWrite[] =
 constexpr char kMemcachedStatuses[] =
     "3 no such item; 4 the server cannot be reached or did not answer; 5 the Unix socket may "
     "not be opened; 1 the server refused the operation; 2 bad command line, also a bad "
-    "--server, a key that is empty, longer than 250 bytes or holds a blank or a control byte.";
+    "--server, a --config string that libmemcached refuses or that names no server, a key that is "
+    "empty, longer than 250 bytes or holds a blank or a control byte.";
 
 // User and attribute names become parts of the store's keys
 // ("userdb/USER/ATTR"): empty ones, "/" and control bytes would address
@@ -231,7 +233,17 @@ void AddQuotaCommands(CLI::App& app, Context& ctx) {
 struct MemcachedTarget {
   std::string server;  // HOST:PORT
   std::string socket;  // Unix socket path
+  std::string config;  // libmemcached configuration string, when pooled
+  bool pooled = false;
 };
+
+// libmemcached opens its messages with the address of its handle, which
+// tells a user nothing.
+std::string WithoutHandleAddress(const std::string& text) {
+  if (text.compare(0, 3, "(0x") != 0) return text;
+  const size_t end = text.find(") ");
+  return end == std::string::npos ? text : text.substr(end + 2);
+}
 
 bool IsConnectionError(memcached_return_t rc) {
   switch (rc) {
@@ -255,6 +267,13 @@ bool IsConnectionError(memcached_return_t rc) {
 
 std::unique_ptr<velmora::sdk::Memcached> OpenMemcached(Context& ctx,
                                                        const MemcachedTarget& target) {
+  if (target.pooled) {
+    auto pool =
+        std::make_unique<velmora::sdk::Memcached>(velmora::sdk::MemcachedConfig{target.config});
+    if (pool->LastResult() == MEMCACHED_SUCCESS) return pool;
+    Fail(ctx, kUsage, "bad --config: " + WithoutHandleAddress(pool->LastErrorMessage()));
+    return nullptr;
+  }
   if (!target.socket.empty()) return std::make_unique<velmora::sdk::Memcached>(target.socket);
   const size_t colon = target.server.rfind(':');
   uint64_t port = 0;
@@ -268,6 +287,7 @@ std::unique_ptr<velmora::sdk::Memcached> OpenMemcached(Context& ctx,
 }
 
 std::string Where(const MemcachedTarget& target) {
+  if (target.pooled) return Quote(target.config);
   return Quote(target.socket.empty() ? target.server : target.socket);
 }
 
@@ -316,12 +336,22 @@ void FailMemcached(Context& ctx, const velmora::sdk::Memcached& client,
 void AddMemcachedCommands(CLI::App& app, Context& ctx) {
   auto target = std::make_shared<MemcachedTarget>();
   CLI::App* mc =
-      app.add_subcommand("memcached", "Read, store or delete items of one memcached server");
+      app.add_subcommand("memcached", "Read, store or delete items of a memcached server or pool");
   CLI::Option* server =
       mc->add_option("--server", target->server, "TCP server")->type_name("HOST:PORT");
   CLI::Option* socket =
       mc->add_option("--socket", target->socket, "Unix socket of the server")->type_name("PATH");
+  CLI::Option* config = mc->add_option_function<std::string>(
+                              "--config",
+                              [target](const std::string& options) {
+                                target->config = options;
+                                target->pooled = true;
+                              },
+                              "Pool of servers, as a libmemcached configuration string "
+                              "(\"--SERVER=HOST:PORT --SERVER=HOST:PORT ...\")")
+                            ->type_name("STRING");
   server->excludes(socket);
+  config->excludes(server)->excludes(socket);
   mc->require_option(1);
   mc->require_subcommand(1);
 

@@ -17,6 +17,28 @@ std::string Text(const char* data, size_t length) {
   return data == nullptr ? std::string() : std::string(data, strnlen(data, length));
 }
 
+// Options given before the caller's, which may override them: libmemcached
+// applies the options of a configuration string in order. No blank at the
+// end: libmemcached refuses a string that ends with one.
+constexpr char kPoolDefaults[] =
+    "--DISTRIBUTION=consistent --REMOVE-FAILED-SERVERS=1 --RETRY-TIMEOUT=2 "
+    "--CONNECT-TIMEOUT=1000 --POLL-TIMEOUT=1000";
+// Behaviours the configuration language cannot set.
+constexpr uint64_t kPoolFailureLimit = 1;
+constexpr uint64_t kPoolDeadTimeoutSeconds = 2;
+
+// The text kept for a pool whose construction failed lives in the handle's
+// user data: the class has no room for it, and the handle is private to the
+// object, so no callback or caller can have set that pointer. The destructor
+// frees it.
+void KeepErrorText(memcached_st* handle, const std::string& text) {
+  memcached_set_user_data(handle, new std::string(text));
+}
+
+const std::string* KeptErrorText(const memcached_st* handle) {
+  return static_cast<const std::string*>(memcached_get_user_data(handle));
+}
+
 }  // namespace
 
 time_t MemcachedData::default_timeout = 0;
@@ -38,8 +60,48 @@ Memcached::Memcached(const std::string& path) : Memcached() {
   ready_ = last_result_ == MEMCACHED_SUCCESS && memcached_server_count(handle_) != 0;
 }
 
+Memcached::Memcached(const MemcachedConfig& config) : Memcached() {
+  if (handle_ == nullptr) return;
+  const std::string options =
+      config.options.empty() ? kPoolDefaults : std::string(kPoolDefaults) + " " + config.options;
+  memcached_st* pool = memcached(options.data(), options.size());
+  if (pool == nullptr) {
+    // libmemcached gives neither code nor text for a string it refused: parse
+    // it again to get both.
+    char text[1024] = "";
+    last_result_ =
+        libmemcached_check_configuration(options.data(), options.size(), text, sizeof(text));
+    if (last_result_ == MEMCACHED_SUCCESS) last_result_ = MEMCACHED_MEMORY_ALLOCATION_FAILURE;
+    KeepErrorText(handle_, text[0] != '\0' ? text : memcached_strerror(handle_, last_result_));
+    return;
+  }
+  memcached_free(handle_);
+  handle_ = pool;
+  last_result_ =
+      memcached_behavior_set(handle_, MEMCACHED_BEHAVIOR_SERVER_FAILURE_LIMIT, kPoolFailureLimit);
+  if (last_result_ == MEMCACHED_SUCCESS) {
+    last_result_ =
+        memcached_behavior_set(handle_, MEMCACHED_BEHAVIOR_DEAD_TIMEOUT, kPoolDeadTimeoutSeconds);
+  }
+  if (last_result_ == MEMCACHED_SUCCESS && memcached_server_count(handle_) == 0) {
+    last_result_ = MEMCACHED_NO_SERVERS;
+    KeepErrorText(handle_, memcached_strerror(handle_, last_result_));
+  }
+  ready_ = last_result_ == MEMCACHED_SUCCESS;
+}
+
 Memcached::~Memcached() {
-  if (handle_ != nullptr) memcached_free(handle_);
+  if (handle_ == nullptr) return;
+  delete KeptErrorText(handle_);
+  memcached_free(handle_);
+}
+
+std::string Memcached::LastErrorMessage() const {
+  if (handle_ == nullptr) return std::string();
+  const std::string* kept = KeptErrorText(handle_);
+  if (kept != nullptr) return *kept;
+  const char* text = memcached_last_error_message(handle_);
+  return text == nullptr ? std::string() : std::string(text);
 }
 
 template <typename Op>
