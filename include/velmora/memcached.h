@@ -156,7 +156,8 @@ class VELMORA_EXPORT Memcached {
   /// libmemcached's text for a configuration string that failed (or "NO
   /// SERVERS DEFINED" when it named no server); otherwise
   /// memcached_last_error_message of the handle, which names the server of
-  /// the last failed call ("SUCCESS" after a call that did not fail).
+  /// the last failed call ("SUCCESS" after a call that did not fail). Either
+  /// without the handle's address that libmemcached puts before its texts.
   std::string LastErrorMessage() const;
 
  private:

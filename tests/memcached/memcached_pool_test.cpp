@@ -49,10 +49,11 @@ MemcachedData Item(const std::string& key) {
   return d;
 }
 
-// libmemcached opens its parse errors with the address of the handle that
-// parsed the string, which differs from one parse to the next.
+// libmemcached opens its texts with the address of the handle that made
+// them, which differs from one parse to the next; LastErrorMessage leaves
+// it out.
 std::string WithoutHandleAddress(const std::string& text) {
-  return std::regex_replace(text, std::regex("^\\(0x[0-9a-f]+\\) "), "(handle) ");
+  return std::regex_replace(text, std::regex("^\\(0x[0-9a-f]+\\) "), "");
 }
 
 class MemcachedPoolTest : public ::testing::Test {
@@ -281,7 +282,8 @@ TEST_F(MemcachedPoolTest, BadStringGivesLibmemcachedCodeAndText) {
       MEMCACHED_PARSE_ERROR);
   Memcached pool(MemcachedConfig{options});
   EXPECT_EQ(pool.LastResult(), MEMCACHED_PARSE_ERROR);
-  EXPECT_EQ(WithoutHandleAddress(pool.LastErrorMessage()), WithoutHandleAddress(expected));
+  EXPECT_NE(std::string(expected).rfind("(0x", 0), std::string::npos);
+  EXPECT_EQ(pool.LastErrorMessage(), WithoutHandleAddress(expected));
   EXPECT_NE(pool.LastErrorMessage().find("unexpected UNKNOWN_OPTION"), std::string::npos);
   ExpectNotReady(pool, MEMCACHED_PARSE_ERROR);
 }
@@ -294,7 +296,8 @@ TEST_F(MemcachedPoolTest, BadValueGivesLibmemcachedText) {
       MEMCACHED_PARSE_ERROR);
   Memcached pool(MemcachedConfig{options});
   EXPECT_EQ(pool.LastResult(), MEMCACHED_PARSE_ERROR);
-  EXPECT_EQ(WithoutHandleAddress(pool.LastErrorMessage()), WithoutHandleAddress(expected));
+  EXPECT_NE(std::string(expected).rfind("(0x", 0), std::string::npos);
+  EXPECT_EQ(pool.LastErrorMessage(), WithoutHandleAddress(expected));
   EXPECT_NE(pool.LastErrorMessage().find("expecting CONSISTENT or MODULA or RANDOM"),
             std::string::npos);
 }
@@ -307,7 +310,8 @@ TEST_F(MemcachedPoolTest, MissingConfigurationFileGivesSystemError) {
       MEMCACHED_ERRNO);
   Memcached pool(MemcachedConfig{options});
   EXPECT_EQ(pool.LastResult(), MEMCACHED_ERRNO);
-  EXPECT_EQ(WithoutHandleAddress(pool.LastErrorMessage()), WithoutHandleAddress(expected));
+  EXPECT_NE(std::string(expected).rfind("(0x", 0), std::string::npos);
+  EXPECT_EQ(pool.LastErrorMessage(), WithoutHandleAddress(expected));
   EXPECT_NE(pool.LastErrorMessage().find(
                 "SYSTEM ERROR(No such file or directory), /run/velmora-test/no-such-pool.conf"),
             std::string::npos)
@@ -333,8 +337,9 @@ TEST_F(MemcachedPoolTest, ErrorTextOfReadyObjects) {
   MemcachedData out;
   EXPECT_FALSE(absent.Get("k", out));
   EXPECT_EQ(absent.LastResult(), MEMCACHED_CONNECTION_FAILURE);
-  EXPECT_NE(absent.LastErrorMessage().find("CONNECTION FAILURE,  host: 127.0.0.1:11329"),
-            std::string::npos)
+  EXPECT_EQ(absent.LastErrorMessage().rfind("CONNECTION FAILURE", 0), 0u)
+      << absent.LastErrorMessage();
+  EXPECT_NE(absent.LastErrorMessage().find(",  host: 127.0.0.1:11329"), std::string::npos)
       << absent.LastErrorMessage();
 }
 

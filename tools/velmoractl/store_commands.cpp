@@ -237,14 +237,6 @@ struct MemcachedTarget {
   bool pooled = false;
 };
 
-// libmemcached opens its messages with the address of its handle, which
-// tells a user nothing.
-std::string WithoutHandleAddress(const std::string& text) {
-  if (text.compare(0, 3, "(0x") != 0) return text;
-  const size_t end = text.find(") ");
-  return end == std::string::npos ? text : text.substr(end + 2);
-}
-
 bool IsConnectionError(memcached_return_t rc) {
   switch (rc) {
     case MEMCACHED_CONNECTION_FAILURE:
@@ -271,7 +263,7 @@ std::unique_ptr<velmora::sdk::Memcached> OpenMemcached(Context& ctx,
     auto pool =
         std::make_unique<velmora::sdk::Memcached>(velmora::sdk::MemcachedConfig{target.config});
     if (pool->LastResult() == MEMCACHED_SUCCESS) return pool;
-    Fail(ctx, kUsage, "bad --config: " + WithoutHandleAddress(pool->LastErrorMessage()));
+    Fail(ctx, kUsage, "bad --config: " + pool->LastErrorMessage());
     return nullptr;
   }
   if (!target.socket.empty()) return std::make_unique<velmora::sdk::Memcached>(target.socket);

@@ -39,6 +39,16 @@ const std::string* KeptErrorText(const memcached_st* handle) {
   return static_cast<const std::string*>(memcached_get_user_data(handle));
 }
 
+// libmemcached opens its messages with the address of the handle that made
+// them ("(0x55d0c2a4beb0) "), which tells a caller nothing and differs from
+// one run to the next: the text is given without it. libmemcached never
+// gives a null text for a handle.
+std::string WithoutHandleAddress(const char* text) {
+  const char* end = nullptr;
+  if (std::strncmp(text, "(0x", 3) == 0) end = std::strstr(text, ") ");
+  return end == nullptr ? std::string(text) : std::string(end + 2);
+}
+
 }  // namespace
 
 time_t MemcachedData::default_timeout = 0;
@@ -99,9 +109,8 @@ Memcached::~Memcached() {
 std::string Memcached::LastErrorMessage() const {
   if (handle_ == nullptr) return std::string();
   const std::string* kept = KeptErrorText(handle_);
-  if (kept != nullptr) return *kept;
-  const char* text = memcached_last_error_message(handle_);
-  return text == nullptr ? std::string() : std::string(text);
+  return WithoutHandleAddress(kept != nullptr ? kept->c_str()
+                                              : memcached_last_error_message(handle_));
 }
 
 template <typename Op>
