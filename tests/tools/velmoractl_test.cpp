@@ -175,7 +175,7 @@ TEST(VelmoractlCli, MessagesQuoteArgumentsOnOneShortLine) {
 TEST(VelmoractlCli, VersionPrintsTheLibraryVersion) {
   Result r = Tool({"--version"});
   EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, "velmoractl 1.0.0\n");
+  EXPECT_EQ(r.out, "velmoractl " VELMORA_PROJECT_VERSION "\n");
 }
 
 TEST(VelmoractlCli, BadCommandLinesExitTwoWithOneLine) {
