@@ -2,7 +2,6 @@
 // over a Unix socket and over a pool of three TCP servers. Starts its own
 // five memcached servers (pinned with the benchmark to CPU 0 when run through
 // scripts/run-benchmarks).
-#include <array>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -24,7 +23,7 @@ using velmora::sdk::MemcachedData;
 constexpr int kPort = 11411;
 constexpr char kSocket[] = "/run/velmora-bench-memcached.sock";
 constexpr int kMultiKeys = 100;
-constexpr std::array<int, 3> kPoolPorts = {11421, 11422, 11423};
+const std::vector<int> kPoolPorts = {11421, 11422, 11423};
 // Keys cycled through by the pool benchmarks, so that every server works.
 constexpr int kPoolKeys = 64;
 // The options the pool constructor puts before the caller's, and the two
@@ -164,14 +163,7 @@ void BM_Raw_MultiGet100(benchmark::State& state) {
   state.SetLabel(Label(static_cast<int>(state.range(0))));
 }
 
-std::string PoolServers() {
-  std::string options;
-  for (int port : kPoolPorts) {
-    if (!options.empty()) options += " ";
-    options += "--SERVER=127.0.0.1:" + std::to_string(port);
-  }
-  return options;
-}
+std::string PoolServers() { return velmora::test::MemcachedPoolOptions(kPoolPorts); }
 
 memcached_st* RawPool() {
   const std::string options = std::string(kPoolDefaults) + " " + PoolServers();
@@ -304,20 +296,13 @@ BENCHMARK(BM_Raw_PoolGet);
 int main(int argc, char** argv) {
   // The servers inherit this process's CPU affinity, so pinning the
   // benchmark pins them too.
-  velmora::test::ServerProcess tcp({"/usr/bin/memcached", "-u", "root", "-l", "127.0.0.1", "-p",
-                                    std::to_string(kPort), "-U", "0", "-t", "1"},
-                                   [] { return velmora::test::CanConnectTcp("127.0.0.1", kPort); });
-  velmora::test::ServerProcess unix_socket(
-      {"/usr/bin/memcached", "-u", "root", "-s", kSocket, "-t", "1"},
-      [] { return velmora::test::CanConnectUnix(kSocket); });
+  std::unique_ptr<velmora::test::ServerProcess> tcp =
+      velmora::test::MemcachedTcpServer(kPort, {"-t", "1"});
+  std::unique_ptr<velmora::test::ServerProcess> unix_socket =
+      velmora::test::MemcachedUnixServer(kSocket, {"-t", "1"});
   std::vector<std::unique_ptr<velmora::test::ServerProcess>> pool;
-  for (int port : kPoolPorts) {
-    pool.push_back(std::make_unique<velmora::test::ServerProcess>(
-        std::vector<std::string>{"/usr/bin/memcached", "-u", "root", "-l", "127.0.0.1", "-p",
-                                 std::to_string(port), "-U", "0", "-t", "1"},
-        [port] { return velmora::test::CanConnectTcp("127.0.0.1", port); }));
-  }
-  bool started = tcp.Start() && unix_socket.Start();
+  for (int port : kPoolPorts) pool.push_back(velmora::test::MemcachedTcpServer(port, {"-t", "1"}));
+  bool started = tcp->Start() && unix_socket->Start();
   for (auto& server : pool) started = started && server->Start();
   if (!started) {
     fprintf(stderr, "memcached_bench: cannot start memcached\n");

@@ -210,10 +210,8 @@ TEST_F(RedisKillTest, KilledWhileTheMGetReplyStreamsFailsWithoutCrashing) {
 // ---- memcached -----------------------------------------------------------
 
 TEST(MemcachedStopTest, StoppedBetweenCallsFailsCleanlyAndRecoversAfterRestart) {
-  ServerProcess server({MEMCACHED_SERVER_PATH, "-u", "root", "-l", "127.0.0.1", "-p",
-                        std::to_string(kMemcachedPort), "-U", "0", "-m", "16"},
-                       [] { return test::CanConnectTcp("127.0.0.1", kMemcachedPort); });
-  ASSERT_TRUE(server.Start());
+  std::unique_ptr<ServerProcess> server = test::MemcachedTcpServer(kMemcachedPort, {"-m", "16"});
+  ASSERT_TRUE(server->Start());
   Memcached client("127.0.0.1", kMemcachedPort);
   LogCapture capture;
   ASSERT_TRUE(client.Set(MemcachedData{"k", "before", 0, 0}));
@@ -221,7 +219,7 @@ TEST(MemcachedStopTest, StoppedBetweenCallsFailsCleanlyAndRecoversAfterRestart) 
   ASSERT_TRUE(client.Get("k", out));
   ASSERT_EQ(out.value, "before");
 
-  server.Stop();
+  server->Stop();
   MemcachedData kept{"keep", "keep", 7, 0};
   EXPECT_FALSE(client.Get("k", kept));
   const memcached_return_t down = client.LastResult();
@@ -235,7 +233,7 @@ TEST(MemcachedStopTest, StoppedBetweenCallsFailsCleanlyAndRecoversAfterRestart) 
   EXPECT_FALSE(client.Set(MemcachedData{"k", "during", 0, 0}));
   EXPECT_NE(client.LastResult(), MEMCACHED_SUCCESS);
 
-  ASSERT_TRUE(server.Start());  // empty again
+  ASSERT_TRUE(server->Start());  // empty again
   // libmemcached may hold a failed server back for its retry time-out
   // (2 s by default): the client recovers by itself within a few seconds.
   const auto deadline = Clock::now() + std::chrono::seconds(10);

@@ -1,6 +1,5 @@
 #include <unistd.h>
 
-#include <array>
 #include <chrono>
 #include <cstdio>
 #include <memory>
@@ -22,21 +21,14 @@ using sdk::MemcachedConfig;
 using sdk::MemcachedData;
 using test::ServerProcess;
 
-constexpr std::array<int, 3> kPorts = {11321, 11322, 11323};
+const std::vector<int> kPorts = {11321, 11322, 11323};
 constexpr int kKeys = 3000;
 // A fair share of kKeys for one of three servers, with room for the hashing.
 constexpr uint64_t kFairShare = kKeys / 5;
 // The pool's retry and dead time-outs are 2 s each.
 constexpr unsigned kPastDeadTimeoutSeconds = 3;
 
-std::string PoolOptions() {
-  std::string options;
-  for (int port : kPorts) {
-    if (!options.empty()) options += " ";
-    options += "--SERVER=127.0.0.1:" + std::to_string(port);
-  }
-  return options;
-}
+std::string PoolOptions() { return test::MemcachedPoolOptions(kPorts); }
 
 std::string Key(const std::string& prefix, int i) { return prefix + std::to_string(i); }
 
@@ -59,19 +51,9 @@ std::string WithoutHandleAddress(const std::string& text) {
 class MemcachedPoolTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    for (size_t i = 0; i < kPorts.size(); ++i) {
-      const int port = kPorts[i];
-      servers_[i] = new ServerProcess({MEMCACHED_SERVER_PATH, "-u", "root", "-l", "127.0.0.1", "-p",
-                                       std::to_string(port), "-U", "0", "-m", "16"},
-                                      [port] { return test::CanConnectTcp("127.0.0.1", port); });
-    }
+    for (int port : kPorts) servers_.push_back(test::MemcachedTcpServer(port, {"-m", "16"}));
   }
-  static void TearDownTestSuite() {
-    for (auto*& server : servers_) {
-      delete server;
-      server = nullptr;
-    }
-  }
+  static void TearDownTestSuite() { servers_.clear(); }
 
   void SetUp() override {
     for (size_t i = 0; i < kPorts.size(); ++i) {
@@ -144,11 +126,11 @@ class MemcachedPoolTest : public ::testing::Test {
     return read;
   }
 
-  static std::array<ServerProcess*, 3> servers_;
+  static std::vector<std::unique_ptr<ServerProcess>> servers_;
   std::unique_ptr<Memcached> pool_;
 };
 
-std::array<ServerProcess*, 3> MemcachedPoolTest::servers_;
+std::vector<std::unique_ptr<ServerProcess>> MemcachedPoolTest::servers_;
 
 TEST_F(MemcachedPoolTest, KeysSpreadOverEveryServer) {
   int last_failure = 0;

@@ -26,17 +26,11 @@ constexpr int kWrappedTo = 4464;
 constexpr char kSocket[] = "/run/velmora-test/memcached.sock";
 
 std::unique_ptr<ServerProcess> TcpServer(int port) {
-  return std::make_unique<ServerProcess>(
-      std::vector<std::string>{MEMCACHED_SERVER_PATH, "-u", "root", "-l", "127.0.0.1", "-p",
-                               std::to_string(port), "-U", "0", "-m", "16"},
-      [port] { return test::CanConnectTcp("127.0.0.1", port); });
+  return test::MemcachedTcpServer(port, {"-m", "16"});
 }
 
 std::unique_ptr<ServerProcess> UnixServer() {
-  return std::make_unique<ServerProcess>(
-      std::vector<std::string>{MEMCACHED_SERVER_PATH, "-u", "root", "-s", kSocket, "-a", "0666",
-                               "-m", "16"},
-      [] { return test::CanConnectUnix(kSocket); });
+  return test::MemcachedUnixServer(kSocket, {"-a", "0666", "-m", "16"});
 }
 
 enum class Transport { kTcp, kUnix };

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <iterator>
 #include <thread>
 #include <utility>
 
@@ -98,6 +99,41 @@ bool CanConnectUnix(const std::string& path) {
   bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
   close(fd);
   return ok;
+}
+
+namespace {
+
+constexpr char kMemcached[] = "/usr/bin/memcached";
+
+std::vector<std::string> Joined(std::vector<std::string> argv, std::vector<std::string> extra) {
+  argv.insert(argv.end(), std::make_move_iterator(extra.begin()),
+              std::make_move_iterator(extra.end()));
+  return argv;
+}
+
+}  // namespace
+
+std::unique_ptr<ServerProcess> MemcachedTcpServer(int port, std::vector<std::string> extra) {
+  return std::make_unique<ServerProcess>(
+      Joined({kMemcached, "-u", "root", "-l", "127.0.0.1", "-p", std::to_string(port), "-U", "0"},
+             std::move(extra)),
+      [port] { return CanConnectTcp("127.0.0.1", port); });
+}
+
+std::unique_ptr<ServerProcess> MemcachedUnixServer(const std::string& path,
+                                                   std::vector<std::string> extra) {
+  return std::make_unique<ServerProcess>(
+      Joined({kMemcached, "-u", "root", "-s", path}, std::move(extra)),
+      [path] { return CanConnectUnix(path); });
+}
+
+std::string MemcachedPoolOptions(const std::vector<int>& ports) {
+  std::string options;
+  for (int port : ports) {
+    if (!options.empty()) options += " ";
+    options += "--SERVER=127.0.0.1:" + std::to_string(port);
+  }
+  return options;
 }
 
 }  // namespace velmora::test

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,16 @@ class ServerProcess {
 bool CanConnectTcp(const std::string& host, int port);
 // True when a connection to the Unix stream socket at `path` succeeds.
 bool CanConnectUnix(const std::string& path);
+
+// Debian's memcached, run as root, listening on 127.0.0.1:`port` (TCP only,
+// no UDP) or on the Unix socket `path`; `extra` arguments follow, e.g.
+// {"-m", "16"} or {"-t", "1"}. Not started yet.
+std::unique_ptr<ServerProcess> MemcachedTcpServer(int port, std::vector<std::string> extra = {});
+std::unique_ptr<ServerProcess> MemcachedUnixServer(const std::string& path,
+                                                   std::vector<std::string> extra = {});
+// The libmemcached configuration string of servers on 127.0.0.1 at `ports`:
+// "--SERVER=127.0.0.1:P1 --SERVER=127.0.0.1:P2 ...".
+std::string MemcachedPoolOptions(const std::vector<int>& ports);
 
 }  // namespace velmora::test
 

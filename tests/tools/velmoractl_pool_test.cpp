@@ -1,6 +1,6 @@
 // velmoractl memcached --config: items stored in and read from a pool of
 // three memcached servers, and configuration strings libmemcached refuses.
-#include <array>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,36 +14,19 @@ namespace velmora {
 namespace test {
 namespace {
 
-constexpr std::array<int, 3> kPorts = {11331, 11332, 11333};
+const std::vector<int> kPorts = {11331, 11332, 11333};
 
 class VelmoractlMemcachedPool : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    for (size_t i = 0; i < kPorts.size(); ++i) {
-      const int port = kPorts[i];
-      servers_[i] = new ServerProcess({MEMCACHED_SERVER_PATH, "-u", "root", "-l", "127.0.0.1", "-p",
-                                       std::to_string(port), "-U", "0", "-m", "16"},
-                                      [port] { return CanConnectTcp("127.0.0.1", port); });
-    }
+    for (int port : kPorts) servers_.push_back(MemcachedTcpServer(port, {"-m", "16"}));
   }
-  static void TearDownTestSuite() {
-    for (auto*& server : servers_) {
-      delete server;
-      server = nullptr;
-    }
-  }
+  static void TearDownTestSuite() { servers_.clear(); }
   void SetUp() override {
-    for (auto* server : servers_) ASSERT_TRUE(server->Start());
+    for (auto& server : servers_) ASSERT_TRUE(server->Start());
   }
 
-  static std::string Pool() {
-    std::string options;
-    for (int port : kPorts) {
-      if (!options.empty()) options += " ";
-      options += "--SERVER=127.0.0.1:" + std::to_string(port);
-    }
-    return options;
-  }
+  static std::string Pool() { return MemcachedPoolOptions(kPorts); }
 
   // Items each server holds, asked around the tool.
   static std::vector<uint64_t> Items() {
@@ -60,9 +43,9 @@ class VelmoractlMemcachedPool : public ::testing::Test {
     return items;
   }
 
-  static std::array<ServerProcess*, 3> servers_;
+  static std::vector<std::unique_ptr<ServerProcess>> servers_;
 };
-std::array<ServerProcess*, 3> VelmoractlMemcachedPool::servers_;
+std::vector<std::unique_ptr<ServerProcess>> VelmoractlMemcachedPool::servers_;
 
 TEST_F(VelmoractlMemcachedPool, SetGetDeleteThroughThePool) {
   const std::string config = "--config=" + Pool();
@@ -138,7 +121,7 @@ TEST_F(VelmoractlMemcachedPool, ConfigExcludesTheOtherTargets) {
 }
 
 TEST_F(VelmoractlMemcachedPool, AllServersStoppedExitsFour) {
-  for (auto* server : servers_) server->Stop();
+  for (auto& server : servers_) server->Stop();
   Result r = Tool({"memcached", "--config=" + Pool(), "get", "k"});
   EXPECT_EQ(r.status, 4);
   EXPECT_EQ(r.err.rfind("velmoractl: memcached at '" + Pool() + "': ", 0), 0u) << r.err;

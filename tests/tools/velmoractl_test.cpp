@@ -604,12 +604,8 @@ class VelmoractlMemcached : public ::testing::Test {
   static constexpr char kSocket[] = "/run/velmora-test/mc.sock";
   static void SetUpTestSuite() {
     MakeDir("/run/velmora-test");
-    tcp_ = new ServerProcess({MEMCACHED_SERVER_PATH, "-u", "root", "-l", "127.0.0.1", "-p", "11411",
-                              "-U", "0", "-m", "16"},
-                             [] { return CanConnectTcp("127.0.0.1", 11411); });
-    unix_ = new ServerProcess(
-        {MEMCACHED_SERVER_PATH, "-u", "root", "-s", kSocket, "-a", "0666", "-m", "16"},
-        [] { return CanConnectUnix(kSocket); });
+    tcp_ = MemcachedTcpServer(11411, {"-m", "16"}).release();
+    unix_ = MemcachedUnixServer(kSocket, {"-a", "0666", "-m", "16"}).release();
   }
   static void TearDownTestSuite() {
     delete tcp_;
